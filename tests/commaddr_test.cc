@@ -1,0 +1,52 @@
+#include <gtest/gtest.h>
+
+#include "zel/kxcomm_addr.h"
+#include "zel/zelerr.h"
+
+namespace {
+
+TEST(SplitHostPortTest, Forms) {
+  struct {
+    const char* text;
+    const char* host;
+    int port;
+  } cases[] = {
+      {"[::1]", "::1", 1191},    {"[::1]:1200", "::1", 1200},         {"[::1]x", "::1", 0},
+      {"nodeA", "nodeA", 1191},  {"10.1.2.3:99", "10.1.2.3", 99},     {"fe80::1", "fe80:", 1},
+      {"hostA:abc", "hostA", 0}, {"[fe80::1]:1300", "fe80::1", 1300},
+  };
+  for (const auto& c : cases) {
+    std::string host;
+    int port = -5;
+    splitHostPort(c.text, &host, &port);
+    EXPECT_EQ(host, c.host) << c.text;
+    EXPECT_EQ(port, c.port) << c.text;
+  }
+}
+
+TEST(CommAddrTest, ConvertAndText) {
+  CommAddr a;
+  ASSERT_EQ(convertCommAddr("127.0.0.1", 1191, &a), E_OK);
+  EXPECT_TRUE(a.addr.isV4Mapped());
+  EXPECT_EQ(a.toString(), "127.0.0.1:1191");
+  CommAddr b;
+  ASSERT_EQ(convertCommAddr("::1", 7, &b), E_OK);
+  EXPECT_EQ(b.toString(), "[::1]:7");
+  EXPECT_EQ(convertCommAddr("127.0.0.1", 0, &b), E_INVAL);
+  EXPECT_NE(convertCommAddr("no-such-host.invalid", 1191, &b), E_OK);
+  ASSERT_EQ(b.fromString("[::1]:1200"), E_OK);
+  EXPECT_EQ(b.port, 1200);
+}
+
+TEST(CommAddrTest, OrderingByAddressBytesThenPort) {
+  CommAddr v4a, v4b, v6;
+  ASSERT_EQ(convertCommAddr("127.0.0.1", 2000, &v4a), E_OK);
+  ASSERT_EQ(convertCommAddr("127.0.0.1", 1000, &v4b), E_OK);
+  ASSERT_EQ(convertCommAddr("::1", 5000, &v6), E_OK);
+  EXPECT_TRUE(v4b < v4a);
+  EXPECT_FALSE(v4a < v4b);
+  // ::1 is all zeros but the last byte; the mapped prefix has 0xff bytes.
+  EXPECT_TRUE(v6 < v4b);
+}
+
+}  // namespace

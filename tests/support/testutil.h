@@ -1,0 +1,53 @@
+// Helpers shared by the tests: temporary directories, files, and running the
+// built executables as child processes.
+#ifndef TESTS_SUPPORT_TESTUTIL_H
+#define TESTS_SUPPORT_TESTUTIL_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+// A fresh directory under /tmp, removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void WriteFile(const std::string& path, const std::string& contents);
+// The whole file, or "<missing>" when it cannot be read.
+std::string ReadFile(const std::string& path);
+bool PathExists(const std::string& path);
+// Names in a directory, sorted, without "." and "..".
+std::vector<std::string> ListDir(const std::string& path);
+
+struct RunResult {
+  int exitStatus = -1;  // exit status, or 128 + signal number
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+};
+
+using EnvList = std::vector<std::pair<std::string, std::string>>;
+
+// Runs argv[0] with the arguments, the current environment less ZEL_* plus env,
+// no standard input, and a bounded time.
+RunResult RunCommand(const std::vector<std::string>& argv, const EnvList& env = {},
+                     int timeoutMs = 60000);
+
+// Paths of the built executables.
+inline const char* KxzelBin() {
+  return KXZEL_BIN;
+}
+inline const char* KxzelTestBin() {
+  return KXZEL_TESTINSTALL_BIN;
+}
+
+#endif  // TESTS_SUPPORT_TESTUTIL_H

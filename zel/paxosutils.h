@@ -1,0 +1,75 @@
+// Encoding primitives, the checksum, the paxos record header, and diagnostics
+// (leveled trace and assertions).
+//
+// Encoding convention: Dump* write at p and return the pointer past what they
+// wrote; Load* read from p, never at or past end, and return the pointer past
+// what they consumed or null. Every Load* returns null at once when given null,
+// so a record's load can chain them and test once.
+#ifndef ZEL_PAXOSUTILS_H
+#define ZEL_PAXOSUTILS_H
+
+#include <cstdint>
+#include <string>
+
+// ---- Diagnostics ----
+
+// Messages of this level or lower go to standard error (ZEL_DEBUG).
+extern int traceLevel;
+// Messages of this level or lower go to the platform trace as well (ZEL_TRACE).
+extern unsigned char traceFlags;
+// The platform trace device: its descriptor (-1 when closed) and its own level.
+extern int platformTraceFd;
+extern int platformTraceLevel;
+// Per-class levels of the platform trace; the front end raises two of them.
+constexpr int kTraceClasses = 64;
+extern int traceClassLevels[kTraceClasses];
+// When set, malformed-message checks assert instead of returning an error.
+extern bool zelDebugAsserts;
+
+void trace(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+// Reports "file:line: assertion 'cond' failed" (plus the detail when fmt is given)
+// at level 0 and aborts. file is a source path; its extension is dropped.
+[[noreturn]] void assert_failed(const char* file, int line, const char* cond,
+                                const char* fmt = nullptr, ...)
+    __attribute__((format(printf, 4, 5)));
+std::string assert_msg(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Reads ZEL_DEBUG and ZEL_TRACE.
+void InitPaxosUtils();
+
+#define ZASSERT(cond) ((cond) ? (void)0 : assert_failed(__FILE__, __LINE__, #cond))
+// With the condition text given explicitly, as the messages must name it.
+#define ZASSERT_T(cond, text) ((cond) ? (void)0 : assert_failed(__FILE__, __LINE__, text))
+#define ZASSERT_M(cond, text, ...) \
+  ((cond) ? (void)0 : assert_failed(__FILE__, __LINE__, text, __VA_ARGS__))
+
+// ---- Encoding primitives ----
+
+constexpr int MaxSizeVarUInt = 8;
+
+// Bytes of the prefix-length code of v - bias (1 to 8). v - bias must be below 2^56.
+int SizeVarUInt(long long v, int bias);
+char* DumpVarUInt(char* p, long long v, int bias);
+// Decodes quantities up to 2^31 - 1 and stores quantity + bias. On a missing or
+// cut-short input *out = bias; on a too-large quantity *out is untouched.
+const char* LoadVarUInt(const char* p, const char* end, int* out, int bias);
+// The same for unsigned fields, accepting quantities up to 2^32 - 1.
+const char* LoadVarUIntU(const char* p, const char* end, unsigned int* out, int bias);
+
+char* DumpUInt32(char* p, unsigned int v);
+const char* LoadUInt32(const char* p, const char* end, unsigned int* out);
+// A 64-bit value as two UInt32, high half first.
+char* DumpUInt64(char* p, unsigned long long v);
+const char* LoadUInt64(const char* p, const char* end, unsigned long long* out);
+
+// The characters and one zero byte.
+char* DumpString(char* p, const std::string& s);
+const char* LoadString(const char* p, const char* end, std::string* out);
+
+// ---- Checksum: the CRC of the POSIX cksum utility ----
+
+// Folds len more bytes into the running value (0 to start).
+unsigned int partialcrc(const unsigned char* p, unsigned long len, unsigned int crc);
+// Feeds the total length and complements: the cksum value.
+unsigned int finalcrc(unsigned int crc, unsigned long totalLen);
+
+#endif  // ZEL_PAXOSUTILS_H
