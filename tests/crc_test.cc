@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "zel/paxoscrc_impl.h"
+#include "zel/paxosutils.h"
+
+namespace {
+
+using CrcFn = unsigned int (*)(const unsigned char*, unsigned long, unsigned int);
+
+struct CrcPath {
+  const char* name;
+  CrcFn fn;
+};
+
+std::vector<CrcPath> Paths() {
+  std::vector<CrcPath> v = {{"reference", PartialCrcReference},
+                            {"slicing8", PartialCrcSlicing8},
+                            {"partialcrc", partialcrc}};
+  if (PartialCrcPclmulAvailable()) v.push_back({"pclmul", PartialCrcPclmul});
+  return v;
+}
+
+std::vector<unsigned char> Pattern(const std::string& kind, size_t n) {
+  std::vector<unsigned char> v(n);
+  unsigned int x = 12345;
+  for (size_t i = 0; i < n; i++) {
+    if (kind == "ramp") v[i] = i & 0xFF;
+    if (kind == "mul") v[i] = ((i * 7 + 3) >> (i % 5)) & 0xFF;
+    if (kind == "ff") v[i] = 0xFF;
+    if (kind == "lcg") x = x * 1103515245u + 12345u, v[i] = x >> 24;
+  }
+  return v;
+}
+
+// Values printed by the system's cksum utility for the same bytes.
+struct Golden {
+  const char* kind;
+  size_t len;
+  unsigned int cksum;
+};
+
+const Golden kGolden[] = {
+    {"ramp", 100000, 2448995759u}, {"mul", 1 << 20, 437788148u}, {"zero", 65536, 4215202376u},
+    {"ff", 1000003, 3311650374u},  {"lcg", 333333, 1389329024u},
+};
+
+TEST(CrcTest, ShortStringsMatchCksum) {
+  const struct {
+    const char* s;
+    unsigned int cksum;
+  } cases[] = {{"", 4294967295u}, {"abc", 1219131554u}, {"123456789", 930766865u}};
+  for (const auto& path : Paths()) {
+    for (const auto& c : cases) {
+      const auto* p = reinterpret_cast<const unsigned char*>(c.s);
+      EXPECT_EQ(finalcrc(path.fn(p, strlen(c.s), 0), strlen(c.s)), c.cksum) << path.name << c.s;
+    }
+  }
+  // Table entries 1 and 2 are the CRCs of the single bytes 1 and 2.
+  const unsigned char one = 1, two = 2;
+  EXPECT_EQ(PartialCrcReference(&one, 1, 0), 0x04C11DB7u);
+  EXPECT_EQ(PartialCrcReference(&two, 1, 0), 0x09823B6Eu);
+}
+
+TEST(CrcTest, LargePatternsMatchCksumWholeAndChunked) {
+  for (const auto& g : kGolden) {
+    std::vector<unsigned char> d = Pattern(g.kind, g.len);
+    for (const auto& path : Paths())
+      EXPECT_EQ(finalcrc(path.fn(d.data(), d.size(), 0), d.size()), g.cksum)
+          << path.name << " " << g.kind;
+    // As file transfer does it: chunk by chunk with the running value.
+    for (size_t chunk : {size_t{4096}, size_t{1000}, size_t{65537}}) {
+      unsigned int crc = 0;
+      for (size_t off = 0; off < d.size(); off += chunk)
+        crc = partialcrc(d.data() + off, std::min(chunk, d.size() - off), crc);
+      EXPECT_EQ(finalcrc(crc, d.size()), g.cksum) << g.kind << " chunk " << chunk;
+    }
+  }
+}
+
+TEST(CrcTest, ZeroLengthKeepsRunningValue) {
+  const unsigned char b[1] = {0x5A};
+  for (const auto& path : Paths())
+    for (unsigned int crc : {0u, 1u, 0x80000000u, 0xDEADBEEFu, 0xFFFFFFFFu})
+      EXPECT_EQ(path.fn(b, 0, crc), crc) << path.name;
+}
+
+// Every length across the block thresholds at every alignment, each in a buffer
+// of exactly that size so that AddressSanitizer catches a read past the end.
+TEST(CrcTest, EveryShortLengthAndAlignmentMatchesReference) {
+  std::mt19937 rng(7);
+  const auto paths = Paths();
+  for (size_t len = 0; len <= 300; len++) {
+    for (size_t align = 0; align < 16; align++) {
+      std::vector<unsigned char> buf(align + len);
+      for (auto& c : buf) c = rng() & 0xFF;
+      const unsigned char* p = buf.data() + align;
+      unsigned int crc = rng();
+      unsigned int want = PartialCrcReference(p, len, crc);
+      for (const auto& path : paths)
+        ASSERT_EQ(path.fn(p, len, crc), want) << path.name << " len " << len << " align " << align;
+    }
+  }
+}
+
+TEST(CrcTest, RandomLengthsAlignmentsAndRunningValuesMatchReference) {
+  std::mt19937 rng(42);
+  const auto paths = Paths();
+  for (int iter = 0; iter < 400; iter++) {
+    size_t len = iter < 360 ? rng() % 8192 : 100000 + rng() % 300000;
+    size_t align = rng() % 64;
+    std::vector<unsigned char> buf(align + len);
+    for (auto& c : buf) c = rng() & 0xFF;
+    const unsigned char* p = buf.data() + align;
+    unsigned int crc = rng();
+    unsigned int want = PartialCrcReference(p, len, crc);
+    for (const auto& path : paths) ASSERT_EQ(path.fn(p, len, crc), want) << path.name << len;
+
+    // Any split of the same bytes into chunks gives the same running value.
+    for (const auto& path : paths) {
+      unsigned int run = crc;
+      for (size_t off = 0; off < len;) {
+        size_t n = std::min<size_t>(len - off, 1 + rng() % 300);
+        run = path.fn(p + off, n, run);
+        off += n;
+      }
+      ASSERT_EQ(run, want) << path.name << " chunked " << len;
+    }
+  }
+}
+
+}  // namespace
