@@ -7,7 +7,6 @@
 #include "cfgmgr/clusterInfo.h"
 #include "support/seckeys.h"
 #include "support/testutil.h"
-#include "transport/seckeyfile.h"
 
 namespace {
 
@@ -232,26 +231,6 @@ TEST(AuthorizedKeysTest, FipsPassLooksOnlyAtItsKey) {
   EXPECT_EQ(22, ReadFipsMode(dir.file("k").c_str(), &mode));
   EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("err 22 rc 23."));
   EXPECT_EQ(0, mode);
-}
-
-TEST(SecBase64Test, DecodesAndRejects) {
-  struct Case {
-    const char* in;
-    bool ok;
-    const char* out;
-  } cases[] = {
-      {"", true, ""},        {"QQ==", true, "A"},        {"QUI=", true, "AB"},
-      {"QUJD", true, "ABC"}, {"QUJDRA==", true, "ABCD"}, {"QQ=", false, ""},
-      {"Q===", false, ""},   {"QQ==QUJD", false, ""},    {"QU*D", false, ""},
-      {"Q=JD", false, ""},
-  };
-  for (const Case& c : cases) {
-    std::string out;
-    EXPECT_EQ(c.ok, SecBase64Decode(c.in, &out)) << c.in;
-    if (c.ok) {
-      EXPECT_EQ(c.out, out) << c.in;
-    }
-  }
 }
 
 // The three spellings of a key give the identity the openssl tool computes.

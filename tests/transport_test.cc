@@ -103,17 +103,6 @@ TEST_F(TransportTest, HandshakeShowsPeerKeysThenPlainBytesFlow) {
   EXPECT_FALSE(HasPendingByte(p.server));
 }
 
-TEST_F(TransportTest, NonBlockingSocketStaysNonBlocking) {
-  LoopbackPair p;
-  ASSERT_TRUE(p.ok());
-  fcntl(p.server, F_SETFL, fcntl(p.server, F_GETFL) | O_NONBLOCK);
-  Side c, s;
-  Handshake(ta_, tb_, p, &c, &s);
-  EXPECT_EQ(0, c.handshake);
-  EXPECT_EQ(0, s.close);
-  EXPECT_NE(0, fcntl(p.server, F_GETFL) & O_NONBLOCK);
-}
-
 // A peer that says nothing, talks nonsense or hangs up ends the step with an
 // error: the time-out is small here.
 TEST_F(TransportTest, BadPeersEndInAnErrorNotAHang) {
@@ -210,14 +199,6 @@ TEST(TransportLibraryTest, MissingLibraryIsAnError) {
   EXPECT_EQ(ELIBACC, t.loadKeys({"/nonexistent", "/nonexistent", "", ""}));
   EXPECT_EQ(nullptr, t.getContext(1));
   tls::SetLibraryNames(nullptr, nullptr);
-}
-
-TEST(TransportLibraryTest, CipherListNames) {
-  EXPECT_TRUE(SecCipherListSupported("AUTHONLY"));
-  for (const char* n : {"authonly", "AUTHONLY ", "", "DEFAULT", "AES128-SHA"}) {
-    EXPECT_FALSE(SecCipherListSupported(n)) << n;
-  }
-  EXPECT_FALSE(SecCipherListSupported(nullptr));
 }
 
 }  // namespace
