@@ -1,0 +1,313 @@
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "support/loopback.h"
+#include "support/seckeys.h"
+#include "support/testutil.h"
+#include "transport/tlsapi.h"
+#include "zel/kxsec.h"
+#include "zel/zelerr.h"
+
+namespace {
+
+std::string Bytes(const std::string& hex) {
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return out;
+}
+
+std::string Entry(const std::string& name, int cGen, const TestKey* committed, int nGen,
+                  const TestKey* fresh) {
+  std::string s = "clusterName=" + name + "\ncipherList=AUTHONLY\n";
+  if (cGen >= 0) s += "committedKeyGenNumber=" + std::to_string(cGen) + "\n";
+  if (committed) s += "committedPublicKey=\n" + committed->pubPem;
+  if (nGen >= 0) s += "newKeyGenNumber=" + std::to_string(nGen) + "\n";
+  if (fresh) s += "newKeyDigest=\n" + fresh->digestHex + "\n";
+  return s;
+}
+
+// Keys made once per process: the local committed pair k1, the local new pair
+// k2 of a key change, and kx that this node does not hold.
+struct Keys {
+  TempDir dir;
+  TestKey k1, k2, kx;
+  bool ok = false;
+  Keys() {
+    ok = MakeTestKey(dir.path(), "k1", &k1) && MakeTestKey(dir.path(), "k2", &k2) &&
+         MakeTestKey(dir.path(), "kx", &kx);
+  }
+};
+
+const Keys& SharedKeys() {
+  static Keys* keys = new Keys;
+  return *keys;
+}
+
+class KxsecTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why = SecTestSkipReason();
+    if (!why.empty()) GTEST_SKIP() << why;
+    ASSERT_TRUE(SharedKeys().ok);
+    k_ = &SharedKeys();
+    paths_.keys = {k_->k1.keyPath, k_->k1.certPath, k_->k2.keyPath, k_->k2.certPath};
+    paths_.authKeysPath = dir_.file("authorized_zel_keys");
+    oldTimeout_ = SecSetTimeoutMs(5000);
+  }
+  void TearDown() override {
+    ShutdownSecurity();
+    if (oldTimeout_ > 0) SecSetTimeoutMs(oldTimeout_);
+  }
+  int Init(const std::string& keysFile) {
+    WriteFile(paths_.authKeysPath, keysFile);
+    return InitSecurityAt(paths_);
+  }
+
+  const Keys* k_ = nullptr;
+  TempDir dir_;
+  SecPaths paths_;
+  int oldTimeout_ = 0;
+};
+
+struct PairResult {
+  int client = -1;
+  int server = -1;
+  bool plainFlows = false;
+};
+
+using SideFn = std::function<int(int sock)>;
+
+// The server authenticates on a thread while the client does here; after
+// both succeed, plain bytes must pass in both directions and nothing else.
+PairResult RunPair(const SideFn& client, const SideFn& server) {
+  PairResult r;
+  LoopbackPair p;
+  if (!p.ok()) return r;
+  std::thread th([&] { r.server = server(p.server); });
+  r.client = client(p.client);
+  if (r.client != 0) shutdown(p.client, SHUT_RDWR);  // do not leave the server waiting
+  th.join();
+  if (r.client == 0 && r.server == 0) {
+    r.plainFlows = SendAll(p.client, "hdr+body") && RecvExactly(p.server, 8, 5000) == "hdr+body" &&
+                   SendAll(p.server, "reply") && RecvExactly(p.client, 5, 5000) == "reply" &&
+                   !HasPendingByte(p.server) && !HasPendingByte(p.client);
+  }
+  return r;
+}
+
+PairResult RunPair(const SecAuthParams& client, const SecAuthParams& server) {
+  return RunPair([&](int s) { return AuthenticateOutgoingWith(s, client); },
+                 [&](int s) { return AuthenticateIncomingWith(s, server); });
+}
+
+SecAuthParams P(int aGen, int cGen) {
+  return {aGen, cGen, "AUTHONLY"};
+}
+
+TEST_F(KxsecTest, AuthorizedPairThenPlainBytesBothWays) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  EXPECT_TRUE(zelSecReady);
+  EXPECT_STREQ("AUTHONLY", zelCipherListP);
+  EXPECT_EQ(1, zelGetKeyGenNumber());
+  EXPECT_EQ("home", zelGetClusterName());
+
+  // Through the greeting's view of each side.
+  SdrSecInfo info;
+  info.keyGenNumber = 1;
+  info.peerKeyGenNumber = 1;
+  PairResult r = RunPair([&](int s) { return AuthenticateOutgoing(s, info); },
+                         [&](int s) { return AuthenticateIncoming(s, info); });
+  EXPECT_EQ(0, r.client);
+  EXPECT_EQ(0, r.server);
+  EXPECT_TRUE(r.plainFlows);
+}
+
+TEST_F(KxsecTest, UnlistedKeysAreRefused) {
+  // Only kx is listed: neither end accepts the other's k1.
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->kx, -1, nullptr)));
+  PairResult r = RunPair(P(1, 1), P(1, 1));
+  EXPECT_EQ(E_AUTH_FAILED, r.client);
+  EXPECT_EQ(E_AUTH_FAILED, r.server);
+}
+
+TEST_F(KxsecTest, ServerChecksTheClientsKeyUnderItsGeneration) {
+  // The client presents k2 under generation 2, but kx is listed there.
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, 2, &k_->kx)));
+  PairResult r = RunPair(P(1, 2), P(1, 2));
+  EXPECT_EQ(E_AUTH_FAILED, r.server);
+  EXPECT_FALSE(r.plainFlows);
+}
+
+TEST_F(KxsecTest, TwoGenerationsDuringAKeyChange) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, 2, &k_->k2)));
+  EXPECT_EQ(2, zelGetKeyGenNumber());
+  struct Case {
+    int aGen, cGen;
+  } cases[] = {{1, 2}, {2, 1}, {1, 1}, {2, 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.aGen) + "/" + std::to_string(c.cGen));
+    PairResult r = RunPair(P(c.aGen, c.cGen), P(c.aGen, c.cGen));
+    EXPECT_EQ(0, r.client);
+    EXPECT_EQ(0, r.server);
+    EXPECT_TRUE(r.plainFlows);
+  }
+}
+
+TEST_F(KxsecTest, GenerationZeroMatchesOnlyCommittedKeys) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, 2, &k_->k2)));
+  // The client expects any committed key; the server shows k1 (committed, gen 1).
+  PairResult r = RunPair(P(0, 1), P(1, 1));
+  EXPECT_EQ(0, r.client);
+  EXPECT_EQ(0, r.server);
+  // The server shows its new key k2: no wildcard for a new key.
+  r = RunPair(P(0, 1), P(2, 1));
+  EXPECT_EQ(E_AUTH_FAILED, r.client);
+
+  std::string k1 = Bytes(k_->k1.digestHex), k2 = Bytes(k_->k2.digestHex);
+  EXPECT_TRUE(isAuthorizedKey(k1, 0));
+  EXPECT_TRUE(isAuthorizedKey(k1, 1));
+  EXPECT_FALSE(isAuthorizedKey(k1, 2));
+  EXPECT_TRUE(isAuthorizedKey(k2, 2));
+  EXPECT_FALSE(isAuthorizedKey(k2, 0));
+  EXPECT_FALSE(isAuthorizedKey(k2, 1));
+  EXPECT_FALSE(isAuthorizedKey(Bytes(k_->kx.digestHex), 0));
+  EXPECT_FALSE(isAuthorizedKey("", 0));
+}
+
+TEST_F(KxsecTest, UnknownOwnGenerationIs703WithoutTouchingTheSocket) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  EXPECT_EQ(E_AUTH_FAILED, AuthenticateOutgoingWith(-1, P(1, 5)));
+  EXPECT_EQ(E_AUTH_FAILED, AuthenticateIncomingWith(-1, P(5, 1)));
+  // Generation 2 is listed nowhere and no new pair is bound to it.
+  EXPECT_EQ(E_AUTH_FAILED, AuthenticateOutgoingWith(-1, P(1, 2)));
+  EXPECT_EQ(E_AUTH_FAILED, AuthenticateOutgoingWith(-1, P(1, 0)));
+}
+
+TEST_F(KxsecTest, MissingParametersOrOtherCipherListsAre720) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  SecAuthParams cases[] = {
+      {-1, 1, "AUTHONLY"}, {1, -1, "AUTHONLY"}, {1, 1, nullptr},
+      {1, 1, "authonly"},  {1, 1, "DEFAULT"},   {1, 1, ""},
+  };
+  for (const SecAuthParams& c : cases) {
+    EXPECT_EQ(E_AUTH_PARAMS, AuthenticateOutgoingWith(-1, c)) << c.aGen << " " << c.cGen;
+    EXPECT_EQ(E_AUTH_PARAMS, AuthenticateIncomingWith(-1, c)) << c.aGen << " " << c.cGen;
+  }
+  // The greeting's view: a peer that sent no generation.
+  SdrSecInfo info;
+  info.keyGenNumber = 1;
+  EXPECT_EQ(E_AUTH_PARAMS, AuthenticateOutgoing(-1, info));
+  EXPECT_EQ(E_AUTH_PARAMS, AuthenticateIncoming(-1, info));
+}
+
+TEST_F(KxsecTest, GreetingGenerationsMapToRoles) {
+  ShutdownSecurity();
+  zelCipherListP = "AUTHONLY";
+  SdrSecInfo info;
+  info.keyGenNumber = 3;      // ours
+  info.peerKeyGenNumber = 7;  // the peer's
+  SecAuthParams out = OutgoingAuthParams(info);
+  SecAuthParams in = IncomingAuthParams(info);
+  EXPECT_EQ(7, out.aGen);  // we connect: the peer accepts
+  EXPECT_EQ(3, out.cGen);
+  EXPECT_EQ(3, in.aGen);  // we accept
+  EXPECT_EQ(7, in.cGen);
+  EXPECT_STREQ("AUTHONLY", out.cipherList);
+}
+
+TEST_F(KxsecTest, WithoutTheFileAuthenticationIsOff) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(0, InitSecurityAt(paths_));  // no file written
+  testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(zelSecReady);
+  EXPECT_EQ(nullptr, zelCipherListP);
+  EXPECT_EQ(-1, zelGetKeyGenNumber());
+  SdrSecInfo info;
+  EXPECT_EQ(0, AuthenticateOutgoing(-1, info));
+  EXPECT_EQ(0, AuthenticateIncoming(-1, info));
+}
+
+TEST_F(KxsecTest, MissingLibraryIsAClearErrorWhenConfigured) {
+  tls::SetLibraryNames("libzel-absent-ssl.so.3", "libzel-absent-crypto.so.3");
+  testing::internal::CaptureStderr();
+  int rc = Init(Entry("home", 1, &k_->k1, -1, nullptr));
+  std::string err = testing::internal::GetCapturedStderr();
+  tls::SetLibraryNames(nullptr, nullptr);
+  EXPECT_EQ(ELIBACC, rc);
+  EXPECT_FALSE(zelSecReady);
+  EXPECT_NE(std::string::npos, err.find("Auth: failed to load security library (err 79)")) << err;
+}
+
+TEST_F(KxsecTest, BadFileOrMissingKeysLeaveSecurityOff) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(E_INVAL, Init("clusterName=home\ncommittedKeyGenNumber=x\n"));
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(zelSecReady);
+  EXPECT_NE(std::string::npos, err.find("err 22 rc 16.")) << err;
+
+  ShutdownSecurity();
+  paths_.keys.keyPath = dir_.file("absent.key");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ENOENT, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  err = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(zelSecReady);
+  EXPECT_NE(std::string::npos, err.find("Auth: failed to load private keys (err 2)")) << err;
+}
+
+TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
+  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr) + "fips1402mode=off\n"));
+  EXPECT_FALSE(isFIPS1402());
+  EXPECT_EQ(3, getNistVar());
+  const ClusterInfoList* before = &zelAuthorizedKeys();
+  EXPECT_TRUE(isAuthorizedKey(Bytes(k_->k1.digestHex), 1));
+
+  WriteFile(paths_.authKeysPath, Entry("other", 4, &k_->kx, -1, nullptr) +
+                                     Entry("home", 4, &k_->k1, -1, nullptr) +
+                                     "nistCompliance=SP800-131A\nfips1402mode=on\n");
+  EXPECT_EQ(0, RefreshSecurity());
+  EXPECT_NE(before, &zelAuthorizedKeys());
+  EXPECT_FALSE(isAuthorizedKey(Bytes(k_->k1.digestHex), 1));
+  EXPECT_TRUE(isAuthorizedKey(Bytes(k_->k1.digestHex), 4));
+  EXPECT_EQ(4, zelGetKeyGenNumber());
+  EXPECT_EQ("other", zelGetClusterName());
+  EXPECT_TRUE(isFIPS1402());
+  EXPECT_EQ(1, getNistVar());
+  // The local pair now serves generation 4 of the first entry.
+  PairResult r = RunPair(P(4, 4), P(4, 4));
+  EXPECT_EQ(0, r.client);
+  EXPECT_EQ(0, r.server);
+}
+
+TEST(KxsecPathsTest, NamesAroundTheKey) {
+  struct Case {
+    const char* key;
+    const char* cert;
+    const char* newKey;
+    const char* newCert;
+    const char* authKeys;
+  } cases[] = {
+      {"/var/kolt/ssl/id_rsa_committed", "/var/kolt/ssl/id_rsa_committed.cert",
+       "/var/kolt/ssl/id_rsa_new", "/var/kolt/ssl/id_rsa_new.cert",
+       "/var/kolt/ssl/authorized_zel_keys"},
+      {"/tmp/repo/zel.pem", "/tmp/repo/zel.pem", "/tmp/repo/zel.new.pem", "/tmp/repo/zel.new.pem",
+       "/tmp/repo/authorized_zel_keys"},
+      {"/a.b/key", "/a.b/key", "/a.b/key.new", "/a.b/key.new", "/a.b/authorized_zel_keys"},
+      {"key", "cert", "key.new", "cert.new", "authorized_zel_keys"},
+  };
+  for (const Case& c : cases) {
+    SecPaths p = SecPathsForKey(c.key, c.cert);
+    EXPECT_EQ(c.newKey, p.keys.newKeyPath);
+    EXPECT_EQ(c.newCert, p.keys.newCertPath);
+    EXPECT_EQ(c.authKeys, p.authKeysPath);
+  }
+}
+
+}  // namespace

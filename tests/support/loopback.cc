@@ -1,0 +1,58 @@
+#include "loopback.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+LoopbackPair::LoopbackPair() {
+  int lfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (lfd < 0) return;
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sa;
+  if (bind(lfd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 && listen(lfd, 1) == 0 &&
+      getsockname(lfd, reinterpret_cast<sockaddr*>(&sa), &len) == 0) {
+    client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (client >= 0 && connect(client, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
+      server = accept(lfd, nullptr, nullptr);
+    }
+  }
+  close(lfd);
+}
+
+LoopbackPair::~LoopbackPair() {
+  if (client >= 0) close(client);
+  if (server >= 0) close(server);
+}
+
+bool SendAll(int fd, const std::string& text) {
+  size_t off = 0;
+  while (off < text.size()) {
+    ssize_t n = send(fd, text.data() + off, text.size() - off, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    off += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::string RecvExactly(int fd, size_t n, int timeoutMs) {
+  std::string out;
+  for (int i = 0; i < 1000 && out.size() < n; ++i) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) <= 0) break;
+    char buf[4096];
+    size_t want = n - out.size() < sizeof buf ? n - out.size() : sizeof buf;
+    ssize_t got = recv(fd, buf, want, 0);
+    if (got <= 0) break;
+    out.append(buf, static_cast<size_t>(got));
+  }
+  return out;
+}
+
+bool HasPendingByte(int fd) {
+  char c;
+  return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}

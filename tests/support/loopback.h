@@ -1,0 +1,22 @@
+// A connected pair of loopback TCP sockets on an ephemeral port.
+#ifndef TESTS_SUPPORT_LOOPBACK_H
+#define TESTS_SUPPORT_LOOPBACK_H
+
+#include <string>
+
+struct LoopbackPair {
+  int client = -1;
+  int server = -1;
+  LoopbackPair();
+  ~LoopbackPair();
+  bool ok() const { return client >= 0 && server >= 0; }
+};
+
+// Sends all of text (blocking); false on error.
+bool SendAll(int fd, const std::string& text);
+// Reads exactly n bytes within timeoutMs; what arrived before an error or the time-out.
+std::string RecvExactly(int fd, size_t n, int timeoutMs);
+// Whether a byte is waiting on the socket right now.
+bool HasPendingByte(int fd);
+
+#endif  // TESTS_SUPPORT_LOOPBACK_H
