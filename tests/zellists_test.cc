@@ -16,14 +16,14 @@ TEST(NodeListFileTest, ReadsGoodLinesAndCountsBadOnes) {
       {"3,0,10.1.1.1,,nodeC\n", 0, 1},
       {"3,0,10.1.1.1,,nodeC", 0, 1},  // last line without newline
       {"", 0, 0},
-      {"3,0,10.1.1.1,x,nodeC\n1,0,h,,a\n", E_IO, 1},   // non-numeric port
-      {"-3,0,10.1.1.1,,nodeC\n1,0,h,,a\n", E_IO, 1},   // negative id
-      {"1,0,h,,a\n\n2,0,h,,b\n", E_IO, 2},             // empty line
-      {"1,0,h,,\n", 0, 1},                             // empty name
-      {"1,0,h\n", E_IO, 0},                            // too few fields
-      {"1,,h,,a\n", E_IO, 0},                          // empty old field
-      {",0,h,,a\n", E_IO, 0},                          // empty id
-      {"1,0,h,+5,a\n", E_IO, 0},                       // sign in port
+      {"3,0,10.1.1.1,x,nodeC\n1,0,h,,a\n", E_IO, 1},  // non-numeric port
+      {"-3,0,10.1.1.1,,nodeC\n1,0,h,,a\n", E_IO, 1},  // negative id
+      {"1,0,h,,a\n\n2,0,h,,b\n", E_IO, 2},            // empty line
+      {"1,0,h,,\n", 0, 1},                            // empty name
+      {"1,0,h\n", E_IO, 0},                           // too few fields
+      {"1,,h,,a\n", E_IO, 0},                         // empty old field
+      {",0,h,,a\n", E_IO, 0},                         // empty id
+      {"1,0,h,+5,a\n", E_IO, 0},                      // sign in port
   };
   for (const auto& c : cases) {
     WriteFile(d.file("zel.nodes"), c.text);
@@ -35,8 +35,9 @@ TEST(NodeListFileTest, ReadsGoodLinesAndCountsBadOnes) {
 
 TEST(NodeListFileTest, FieldValues) {
   TempDir d;
-  WriteFile(d.file("n"), "3,0,10.1.1.1,,nodeC\n1,0,host,,name,with,commas\n2,3,10.0.0.2,7000,b\r\n"
-                         "4,2,,0,\n");
+  WriteFile(d.file("n"),
+            "3,0,10.1.1.1,,nodeC\n1,0,host,,name,with,commas\n2,3,10.0.0.2,7000,b\r\n"
+            "4,2,,0,\n");
   Nodes nodes;
   ASSERT_EQ(0, readNodeList(d.file("n"), &nodes));
   ASSERT_EQ(4u, nodes.size());
@@ -100,15 +101,19 @@ TEST(ClassifierTest, DiskDescriptorsAndPrivateNames) {
   struct {
     const char* s;
     bool want;
-  } descs[] = {{"0123456789abcde", false},       {"0123456789abcdef", true},
-               {"0123456789ABCDEF0", true},      {"0123456789abcdef:any text", true},
-               {"0123456789abcdef-any text", false}, {"0123456789abcdeg", false},
+  } descs[] = {{"0123456789abcde", false},
+               {"0123456789abcdef", true},
+               {"0123456789ABCDEF0", true},
+               {"0123456789abcdef:any text", true},
+               {"0123456789abcdef-any text", false},
+               {"0123456789abcdeg", false},
                {"", false}};
   for (const auto& c : descs) EXPECT_EQ(c.want, isDiskDesc(c.s)) << c.s;
   struct {
     const char* s;
     bool want;
-  } names[] = {{"_cfg", true}, {"genKeyData", true}, {"mycfg", false}, {"genKe", false}, {"", false}};
+  } names[] = {
+      {"_cfg", true}, {"genKeyData", true}, {"mycfg", false}, {"genKe", false}, {"", false}};
   for (const auto& c : names) EXPECT_EQ(c.want, isFilePrivate(c.s)) << c.s;
 }
 

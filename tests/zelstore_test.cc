@@ -52,7 +52,8 @@ class StoreTest : public ::testing::Test {
 
 TEST_F(StoreTest, FindsLocalNodeWhenAddressIsLocalAndPortMatches) {
   MakeRepo();
-  WriteFile(base_ + "/zel.nodes", "1,0,10.200.0.1,,far\n2,0,127.0.0.1,,near\n3,0,127.0.0.1,7000,alt\n");
+  WriteFile(base_ + "/zel.nodes",
+            "1,0,10.200.0.1,,far\n2,0,127.0.0.1,,near\n3,0,127.0.0.1,7000,alt\n");
   WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n");
   testing::internal::CaptureStdout();
   ASSERT_EQ(0, InitZELIO(0, 0, true));
@@ -84,14 +85,19 @@ TEST_F(StoreTest, PortChoice) {
     int arg;
     const char* env;
     int want;
-  } cases[] = {{0, nullptr, 1191}, {-5, nullptr, 1191}, {0, "7000", 7000},
-               {0, "abc", 0},      {7000, "1300", 7000}};
+  } cases[] = {{0, nullptr, 1191},
+               {-5, nullptr, 1191},
+               {0, "7000", 7000},
+               {0, "abc", 0},
+               {7000, "1300", 7000}};
   for (const auto& c : cases) {
     ResetZELIOForTest();
     isTrovInstall = false;
     isTestInstall = true;
-    if (c.env) setenv("ZEL_PORT", c.env, 1);
-    else unsetenv("ZEL_PORT");
+    if (c.env)
+      setenv("ZEL_PORT", c.env, 1);
+    else
+      unsetenv("ZEL_PORT");
     testing::internal::CaptureStdout();
     int rc = InitZELIO(c.arg, 0, true);
     testing::internal::GetCapturedStdout();
@@ -171,7 +177,8 @@ TEST_F(StoreTest, CreateModeOneRefusesExistingDirectory) {
 TEST_F(StoreTest, TwoLocalNodesOnOnePortAssert) {
   MakeRepo();
   WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n");
-  EXPECT_DEATH(InitZELIO(0, 0, true), "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");
+  EXPECT_DEATH(InitZELIO(0, 0, true),
+               "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");
 }
 
 TEST_F(StoreTest, TestDirectoryNamedAfterPort) {

@@ -13,12 +13,12 @@ using ZelArgs = std::vector<std::string>;
 
 // What the options and the command line gave.
 struct ZelSettings {
-  std::string pgmName;  // argv[0], for the usage text
-  std::string subcmd;   // the subcommand word
-  int portOpt = -1;     // -P; below 1 lets the store choose
-  int traceLevel = 0;   // number of -V
-  bool yOpt = false;    // -y: colon-separated listings
-  bool force = false;   // -F
+  std::string pgmName;               // argv[0], for the usage text
+  std::string subcmd;                // the subcommand word
+  int portOpt = -1;                  // -P; below 1 lets the store choose
+  int traceLevel = 0;                // number of -V
+  bool yOpt = false;                 // -y: colon-separated listings
+  bool force = false;                // -F
   unsigned long long clusterId = 0;  // -c for init
   std::string certFile;              // -c for setup
   int condVersion = -1;              // -c for everything else; -1 no condition

@@ -134,4 +134,3 @@ int ReadPaxosCommand(const ZelSettings& s, const ZelArgs&) {
 int QuitCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
 }
-

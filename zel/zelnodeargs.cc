@@ -142,8 +142,8 @@ int parseNodeList(const ZelArgs& items, Nodes* out, bool assignIds) {
       }
     }
     if (id > maxId) maxId = id;
-    trace(4, "parseNodeList: %s -> id %d host %s port %d ipaddr %s", item.c_str(), id,
-          host.c_str(), loc.port, loc.addr.c_str());
+    trace(4, "parseNodeList: %s -> id %d host %s port %d ipaddr %s", item.c_str(), id, host.c_str(),
+          loc.port, loc.addr.c_str());
     out->push_back(Node(id, name, loc));
   }
 

@@ -81,14 +81,16 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
       case 'p':
       case 'n':
         appendItems(optarg, &s->nodeArgs);
-        trace(4, "Parsed %d nodes from the given list of nodes", static_cast<int>(s->nodeArgs.size()));
+        trace(4, "Parsed %d nodes from the given list of nodes",
+              static_cast<int>(s->nodeArgs.size()));
         break;
       case 'f':
         s->fValue = toInt(optarg);
         break;
       case 'd':
         appendItems(optarg, &s->diskArgs);
-        trace(4, "Parsed %d disks from the given list of disks", static_cast<int>(s->diskArgs.size()));
+        trace(4, "Parsed %d disks from the given list of disks",
+              static_cast<int>(s->diskArgs.size()));
         break;
       case 'D':
         if (optarg[0] == '\0') {

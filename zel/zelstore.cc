@@ -374,9 +374,9 @@ void ResetZELIOForTest() {
   isTrovInstall = true;
   isTestInstall = false;
   zelTraceBoost = 0;
-  for (std::string* s : {&zelBaseDir, &zelCertFilePath, &zelKeyFilePath, &zelCachedDir,
-                         &zelCommittedDir, &zelNodeFilePath, &zelDiskFilePath,
-                         &zelPaxosLFDServerPath, &zelPaxosLFDClientPath}) {
+  for (std::string* s :
+       {&zelBaseDir, &zelCertFilePath, &zelKeyFilePath, &zelCachedDir, &zelCommittedDir,
+        &zelNodeFilePath, &zelDiskFilePath, &zelPaxosLFDServerPath, &zelPaxosLFDClientPath}) {
     s->clear();
   }
   nodes.clear();

@@ -65,14 +65,14 @@ enum PathType { NodeFile = 0, DiskFile = 1, PaxosFile = 2, CommittedDir = 3, Cac
 
 // ---- Process-wide store state ----
 
-extern int zelPort;                 // -1 until InitZELIO
-extern unsigned int defaultPort;    // 1191; left out of the node-list file
-extern int zelNodeId;               // this machine's node id, -1 when not a quorum node
-extern std::string zelAddr;         // address text of the local node
-extern Node zelMyNode;              // copy of the local node's entry
-extern bool isTrovInstall;          // product installation under /var/kolt
-extern bool isTestInstall;          // allows ZEL_BASE and /tmp/zel[.PORT]
-extern int zelTraceBoost;           // added to the ZEL_DEBUG level (the -V count)
+extern int zelPort;               // -1 until InitZELIO
+extern unsigned int defaultPort;  // 1191; left out of the node-list file
+extern int zelNodeId;             // this machine's node id, -1 when not a quorum node
+extern std::string zelAddr;       // address text of the local node
+extern Node zelMyNode;            // copy of the local node's entry
+extern bool isTrovInstall;        // product installation under /var/kolt
+extern bool isTestInstall;        // allows ZEL_BASE and /tmp/zel[.PORT]
+extern int zelTraceBoost;         // added to the ZEL_DEBUG level (the -V count)
 
 extern std::string zelBaseDir;
 extern std::string zelCertFilePath;
