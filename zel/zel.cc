@@ -1,13 +1,79 @@
 // kxzel front end: main and mainBody.
-#include <cstdio>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "platform/ptrace.h"
+#include "zel/paxosutils.h"
+#include "zel/zelcmd.h"
+#include "zel/zelutils.h"
+
+namespace {
+
+const char kTraceDevice[] = "/dev/trace0";
+// Entries of the trace-class table that the front end raises when tracing is on.
+const int kFrontTraceClasses[] = {0, 1};
+
+void openTraceDevice() {
+  if (platformTraceFd >= 0) return;
+  int fd = -1;
+  if (PlatTraceOpen(kTraceDevice, &fd) != 0) return;  // tracing stays off
+  platformTraceFd = fd;
+  int level = 0;
+  if (PlatTraceGetLevel(fd, &level) != 0) {
+    platformTraceLevel = 0;
+    return;
+  }
+  if (level == 1 || level == 5) {
+    platformTraceLevel = 5;
+  } else if (level >= 2 && level <= 4) {
+    platformTraceLevel = 4;
+  } else {
+    platformTraceLevel = 0;
+  }
+  if (platformTraceLevel > 0) {
+    for (int c : kFrontTraceClasses) traceClassLevels[c] = 4;
+  }
+}
+
+void closeTraceDevice() {
+  if (platformTraceFd >= 0) {
+    PlatTraceClose(platformTraceFd);
+    platformTraceFd = -1;
+  }
+}
+
+}  // namespace
 
 int mainBody(int argc, char** argv) {
-  (void)argc;
-  (void)argv;
-  fprintf(stderr, "kxzel: not built yet\n");
-  return 149;
+  pgmName = argv[0];
+  InitZelTrace();
+  if (argc < 2) usageExit();
+
+  std::string cmdLine;
+  for (int i = 0; i < argc; i++) {
+    if (i > 0) cmdLine += " ";
+    cmdLine += argv[i];
+  }
+  openTraceDevice();
+  trace(1, "called: '%s'", cmdLine.c_str());
+
+  ZelSettings s;
+  if (ParseOptions(argc, argv, &s) != 0) usageExit("invalid option");
+  // -V raises the diagnostics level above what ZEL_DEBUG gives.
+  zelTraceBoost = s.traceLevel;
+  InitZelTrace();
+
+  int rc = RunSubcommand(s);
+  int status = ExitStatusFor(rc);
+  fflush(stdout);
+  closeTraceDevice();
+  return status;
 }
 
 int main(int argc, char** argv) {
-  return mainBody(argc, argv);
+#ifdef ZEL_TEST_INSTALL
+  isTrovInstall = false;
+  isTestInstall = true;
+#endif
+  exit(mainBody(argc, argv));
 }

@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "zel/zelcmd.h"
+#include "zel/zelerr.h"
+
+namespace {
+
+// Parses a command line given as words (the program name first).
+int Parse(std::vector<std::string> words, ZelSettings* s) {
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  return ParseOptions(static_cast<int>(words.size()), argv.data(), s);
+}
+
+TEST(OptionsTest, DashCDependsOnSubcommand) {
+  ZelSettings put, init, setup;
+  ASSERT_EQ(0, Parse({"kxzel", "vput", "-c", "5", "n", "v"}, &put));
+  EXPECT_EQ(5, put.condVersion);
+  EXPECT_EQ(0u, put.clusterId);
+  EXPECT_EQ("", put.certFile);
+
+  ASSERT_EQ(0, Parse({"kxzel", "init", "-c", "18446744073709551615"}, &init));
+  EXPECT_EQ(18446744073709551615ull, init.clusterId);
+  EXPECT_EQ(-1, init.condVersion);
+
+  ASSERT_EQ(0, Parse({"kxzel", "setup", "-c", "5"}, &setup));
+  EXPECT_EQ("5", setup.certFile);
+  EXPECT_EQ(-1, setup.condVersion);
+  EXPECT_EQ(0u, setup.clusterId);
+}
+
+TEST(OptionsTest, ValuesListsAndPermutation) {
+  ZelSettings s;
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(
+      0, Parse({"prog",  "vput", "name", "-V", "-n", "a,,b", "-Vy", "value", "-p", "c",      "-d",
+                "/d1,x", "-P",   "7000", "-v", "3",  "-f",   "9",   "-F",    "-D", "/dev/tb"},
+               &s));
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
+  EXPECT_EQ("prog", s.pgmName);
+  EXPECT_EQ("vput", s.subcmd);
+  EXPECT_EQ((ZelArgs{"name", "value"}), s.args);
+  EXPECT_EQ(2, s.traceLevel);
+  EXPECT_TRUE(s.yOpt);
+  EXPECT_TRUE(s.force);
+  EXPECT_EQ((ZelArgs{"a", "", "b", "c"}), s.nodeArgs);
+  EXPECT_EQ((ZelArgs{"/d1", "x"}), s.diskArgs);
+  EXPECT_EQ(7000, s.portOpt);
+  EXPECT_EQ(3, s.storeVersion);
+  EXPECT_EQ(9, s.fValue);
+  EXPECT_EQ("/dev/tb", s.diskDir);
+}
+
+TEST(OptionsTest, EmptyDiskDirAndNonNumericPort) {
+  ZelSettings t;
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(0, Parse({"kxzel", "init", "-D", "", "-P", "abc"}, &t));
+  EXPECT_EQ("No directory for disks specified", testing::internal::GetCapturedStderr());
+  EXPECT_EQ("", t.diskDir);
+  EXPECT_EQ(0, t.portOpt);
+}
+
+TEST(OptionsTest, InvalidOptionThenFreshStart) {
+  ZelSettings bad;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(-1, Parse({"kxzel", "vlist", "-x"}, &bad));
+  testing::internal::GetCapturedStderr();
+  // The parser starts afresh on every call.
+  ZelSettings s;
+  ASSERT_EQ(0, Parse({"kxzel", "vget", "-c", "4", "name"}, &s));
+  EXPECT_EQ((ZelArgs{"name"}), s.args);
+  EXPECT_EQ(4, s.condVersion);
+}
+
+TEST(ExitStatusTest, Table) {
+  const int cases[][2] = {{0, 0},     {802, 150}, {803, 151}, {805, 153}, {806, 155},
+                          {807, 154}, {812, 156}, {819, 157}, {804, 149}, {813, 149},
+                          {22, 149},  {5, 149},   {811, 149}, {38, 149},  {-1, 149}};
+  for (const auto& c : cases) EXPECT_EQ(c[1], ExitStatusFor(c[0])) << c[0];
+}
+
+TEST(UsageTest, NamesProgramAndOmitsHiddenSubcommands) {
+  std::string u = UsageText("/x/kxzel");
+  EXPECT_EQ(0u, u.find("Usage: /x/kxzel subcommand common-options subcommand-options...\n\n"));
+  EXPECT_NE(std::string::npos,
+            u.find("  fdel [-c version ] name             -- deleted named file"));
+  EXPECT_NE(std::string::npos, u.find("\n  vlist "));
+  for (const char* hidden : {"readpaxos", "refresh", "show", "quit", "netdown", "config"}) {
+    EXPECT_EQ(std::string::npos, u.find(std::string("\n  ") + hidden + " ")) << hidden;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <vector>
+
+#include "platform/pclock.h"
+#include "support/testutil.h"
+#include "zel/zelerr.h"
+#include "zel/zelutils.h"
+
+namespace {
+
+int FakeLocalAddrs(IpAddrArray* out) {
+  IpAddr a;
+  IpAddr::parse("127.0.0.1", &a);
+  out->push_back(a);
+  return 0;
+}
+
+// A test installation rooted at a fresh directory, with 127.0.0.1 the only
+// local address.
+class StoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Restart();
+    SetLocalAddrsFnForTest(FakeLocalAddrs);
+    base_ = dir_.file("repo");
+    setenv("ZEL_BASE", base_.c_str(), 1);
+    unsetenv("ZEL_PORT");
+  }
+  void TearDown() override {
+    unsetenv("ZEL_BASE");
+    unsetenv("ZEL_PORT");
+    SetLocalAddrsFnForTest(nullptr);
+    ResetZELIOForTest();
+  }
+  // InitZELIO with the "zelBaseDir: " line swallowed.
+  int Init(int port = 0, int mode = 0) {
+    testing::internal::CaptureStdout();
+    int rc = InitZELIO(port, mode, true);
+    testing::internal::GetCapturedStdout();
+    return rc;
+  }
+  // Back to a fresh process state in the test installation.
+  void Restart() {
+    ResetZELIOForTest();
+    isTrovInstall = false;
+    isTestInstall = true;
+  }
+  void MakeRepo(bool committed = true) {
+    createDir(base_, 0755);
+    if (committed) createDir(base_ + "/committed", 0755);
+  }
+
+  TempDir dir_;
+  std::string base_;
+};
+
+TEST_F(StoreTest, FindsLocalNodeWhenAddressIsLocalAndPortMatches) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.nodes",
+            "1,0,10.200.0.1,,far\n2,0,127.0.0.1,,near\n3,0,127.0.0.1,7000,alt\n");
+  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n");
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(0, InitZELIO(0, 0, true));
+  EXPECT_EQ("zelBaseDir: " + base_ + "\n", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(2, zelNodeId);
+  EXPECT_EQ("near", zelMyNode.name);
+  EXPECT_EQ("far", GetNodeNames()[1]);
+  EXPECT_EQ(NodeLocation("127.0.0.1", 7000), GetNodeMap()[3]);
+  EXPECT_EQ("/dev/sdb", getDiskMap()[1].label);
+  EXPECT_TRUE(dirExists(base_ + "/cached"));  // created when missing
+  EXPECT_EQ(base_ + "/zel.pem", zelCertFilePath);
+  EXPECT_EQ(base_ + "/cached/zel.paxos", zelPaxosLFDClientPath);
+  EXPECT_EQ(base_ + "/zel.paxos", GetPath(PaxosFile));
+  EXPECT_EQ("", GetPath(static_cast<PathType>(5)));
+}
+
+TEST_F(StoreTest, PortChoice) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.nodes", "2,0,127.0.0.1,7000,near\n");
+  struct {
+    int arg;
+    const char* env;
+    int want;
+  } cases[] = {{0, nullptr, 1191},
+               {-5, nullptr, 1191},
+               {0, "7000", 7000},
+               {0, "abc", 0},
+               {7000, "1300", 7000}};
+  for (const auto& c : cases) {
+    Restart();
+    if (c.env)
+      setenv("ZEL_PORT", c.env, 1);
+    else
+      unsetenv("ZEL_PORT");
+    EXPECT_EQ(0, Init(c.arg));
+    EXPECT_EQ(c.want, zelPort) << c.arg << " " << (c.env ? c.env : "-");
+    // The local node is only found on its own port.
+    EXPECT_EQ(c.want == 7000 ? 2 : -1, zelNodeId);
+  }
+}
+
+TEST_F(StoreTest, MissingDirectoriesGive811AndReadNothing) {
+  EXPECT_EQ(E_NO_REPOSITORY, InitZELIO(0, 0, true));
+  MakeRepo(false);
+  WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,near\n");
+  Restart();
+  testing::internal::CaptureStderr();
+  setenv("ZEL_DEBUG", "1", 1);
+  EXPECT_EQ(E_NO_REPOSITORY, InitZELIO(0, 0, true));
+  unsetenv("ZEL_DEBUG");
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(std::string::npos, err.find("'" + base_ + "/committed' not found")) << err;
+  EXPECT_TRUE(GetNodeList().empty());
+  EXPECT_FALSE(dirExists(base_ + "/cached"));
+}
+
+TEST_F(StoreTest, BadNodeLineStopsDiskRead) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.nodes", "1,0,10.200.0.1,,a\nbroken\n2,0,10.200.0.2,,b\n");
+  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n");
+  EXPECT_EQ(E_IO, Init());
+  EXPECT_EQ(2u, GetNodeList().size());
+  EXPECT_TRUE(GetNodeMap().empty());
+  EXPECT_TRUE(getDiskMap().empty());
+}
+
+TEST_F(StoreTest, AbsentNodeFileStillReadsDiskFile) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n2,1,/dev/sdc\n");
+  EXPECT_EQ(0, Init());
+  EXPECT_EQ(2u, getDiskMap().size());
+  EXPECT_EQ(1, getDiskMap()[2].old);
+}
+
+TEST_F(StoreTest, CreateModes) {
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(0, InitZELIO(0, 1, true));
+  for (const char* d : {"", "/cached", "/committed"}) EXPECT_TRUE(dirExists(base_ + d)) << d;
+
+  WriteFile(base_ + "/committed/old", "x");
+  Restart();
+  ASSERT_EQ(0, InitZELIO(0, 2, true));
+  testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(dirExists(base_ + "/committed"));
+  EXPECT_FALSE(PathExists(base_ + "/committed/old"));  // the old tree was deleted
+}
+
+TEST_F(StoreTest, CreateModeOneRefusesExistingDirectory) {
+  MakeRepo();
+  EXPECT_EXIT(InitZELIO(0, 1, true), ::testing::ExitedWithCode(1),
+              "Directory .* already exists.\nDelete the directory first, or use -F option");
+}
+
+TEST_F(StoreTest, TwoLocalNodesOnOnePortAssert) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n");
+  EXPECT_DEATH(InitZELIO(0, 0, true),
+               "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");
+}
+
+TEST_F(StoreTest, TestDirectoryNamedAfterPort) {
+  unsetenv("ZEL_BASE");
+  if (PathExists("/tmp/zel.7000")) GTEST_SKIP() << "/tmp/zel.7000 exists";
+  EXPECT_EQ(E_NO_REPOSITORY, InitZELIO(7000, 0, false));
+  EXPECT_EQ("/tmp/zel.7000", zelBaseDir);
+  EXPECT_EQ("/tmp/zel.7000/zel.pem", zelCertFilePath);
+}
+
+TEST_F(StoreTest, SetNodeListWritesOnlyWhenNeeded) {
+  MakeRepo();
+  ASSERT_EQ(0, Init());
+  const std::string path = GetPath(NodeFile);
+  Nodes a = {Node(1, "a", NodeLocation("10.200.0.1", 1191)),
+             Node(2, "me", NodeLocation("127.0.0.1", 1191))};
+
+  ASSERT_EQ(0, SetNodeList(a, true));
+  EXPECT_EQ("1,0,10.200.0.1,,a\n2,0,127.0.0.1,,me\n", ReadFile(path));
+  EXPECT_EQ(2, zelNodeId);
+  EXPECT_EQ("a", GetNodeNames()[1]);
+
+  WriteFile(path, "sentinel");
+  ASSERT_EQ(0, SetNodeList(a, true));  // unchanged and on disk: file untouched
+  EXPECT_EQ("sentinel", ReadFile(path));
+
+  Nodes b = a;
+  b[0].old = 1;
+  ASSERT_EQ(0, SetNodeList(b, false));  // memory only
+  EXPECT_EQ("sentinel", ReadFile(path));
+  EXPECT_EQ(1, GetNodeList()[0].old);
+  ASSERT_EQ(0, SetNodeList(b, true));  // equal list, but the file is stale
+  EXPECT_EQ("1,1,10.200.0.1,,a\n2,0,127.0.0.1,,me\n", ReadFile(path));
+}
+
+TEST_F(StoreTest, SetNodeListWriteFailureKeepsMemory) {
+  MakeRepo();
+  ASSERT_EQ(0, Init());
+  createDir(GetPath(NodeFile), 0755);  // a directory where the file should be
+  Nodes a = {Node(1, "a", NodeLocation("10.200.0.1", 1191))};
+  EXPECT_EQ(E_IO, SetNodeList(a, true));
+  EXPECT_TRUE(GetNodeList().empty());
+  createDir(GetPath(DiskFile), 0755);
+  EXPECT_EQ(E_IO, SetDiskList(DiskMap{{1, ZELDisk("/dev/sdb", 0)}}));
+  EXPECT_TRUE(getDiskMap().empty());
+}
+
+TEST_F(StoreTest, SetDiskListWritesOnlyWhenNeeded) {
+  MakeRepo();
+  ASSERT_EQ(0, Init());
+  const std::string path = GetPath(DiskFile);
+  DiskMap d = {{2, ZELDisk("/dev/sdc", 1)}, {1, ZELDisk("/dev/sdb", 0)}};
+  ASSERT_EQ(0, SetDiskList(d));
+  EXPECT_EQ("1,0,/dev/sdb\n2,1,/dev/sdc\n", ReadFile(path));
+  EXPECT_TRUE(getDiskMap() == d);
+  WriteFile(path, "sentinel");
+  ASSERT_EQ(0, SetDiskList(d));
+  EXPECT_EQ("sentinel", ReadFile(path));
+}
+
+std::vector<long long> sleeps;
+void RecordSleep(long long us) {
+  sleeps.push_back(us);
+}
+
+TEST(StoreHelpersTest, DoDelaySleepsWholeSeconds) {
+  PlatSleepFn old = PlatSetSleepFn(RecordSleep);
+  sleeps.clear();
+  doDelay(0.9);
+  doDelay(2.7);
+  doDelay(-3);
+  PlatSetSleepFn(old);
+  EXPECT_EQ(std::vector<long long>{2000000}, sleeps);
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+// TEMPORARY: stand-ins for what later units provide, so that the front end links
+// and dispatches now. Each one is not yet available; when its unit lands, delete
+// its definition here and define it there with the same signature.
+#include <errno.h>
+#include <stdio.h>
+
+#include "zel/zelcmd.h"
+
+namespace {
+
+int notAvailable(const ZelSettings& s) {
+  fprintf(stderr, "kxzel: subcommand '%s' is not available in this build\n", s.subcmd.c_str());
+  return ENOSYS;
+}
+
+}  // namespace
+
+// Not yet available: server discovery (no candidate ordering yet).
+int PaxosInit() {
+  return 0;
+}
+
+// Not yet available: peer authentication (off until it lands).
+int InitSecurity() {
+  return 0;
+}
+
+// Not yet available.
+int SetupCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int InitCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int AuthCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int LsNodesCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int ChNodesCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int LsDisksCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int ChDisksCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int VlistCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int VgetCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int VputCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int VdelCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int FlistCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int FgetCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int FputCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int FdelCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int ConfigCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int RefreshCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int DebugCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int DumpCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int ShowCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int ReadPaxosCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}
+
+// Not yet available.
+int QuitCommand(const ZelSettings& s, const ZelArgs&) {
+  return notAvailable(s);
+}

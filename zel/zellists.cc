@@ -1,0 +1,153 @@
+// The node-list and disk-list files: comma-separated text, one entry a line.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "platform/pfile.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelutils.h"
+
+namespace {
+
+bool allDigits(const std::string& s) {
+  if (s.empty()) return false;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+int toInt(const std::string& digits) {
+  long long v = strtoll(digits.c_str(), nullptr, 10);
+  return static_cast<int>(v);
+}
+
+// Only the lowest bit of the decimal value counts: the parity of the last digit.
+int oddFlag(const std::string& digits) {
+  return (digits.back() - '0') & 1;
+}
+
+// Splits at commas, at most maxSplits times; the last field keeps the rest.
+std::vector<std::string> splitFields(const std::string& line, int maxSplits) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (int i = 0; i < maxSplits; i++) {
+    size_t comma = line.find(',', start);
+    if (comma == std::string::npos) break;
+    fields.push_back(line.substr(start, comma - start));
+    start = comma + 1;
+  }
+  fields.push_back(line.substr(start));
+  return fields;
+}
+
+// The file's lines; a file that cannot be opened has none.
+std::vector<std::string> readLines(const char* path) {
+  std::vector<std::string> lines;
+  FILE* f = fopen(path, "r");
+  if (f == nullptr) return lines;
+  std::string text;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+  fclose(f);
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t nl = text.find('\n', start);
+    if (nl == std::string::npos) nl = text.size();
+    lines.push_back(text.substr(start, nl - start));
+    start = nl + 1;
+  }
+  return lines;
+}
+
+}  // namespace
+
+int readNodeList(const std::string& path, Nodes* list) {
+  char cpath[kPlatPathMax];
+  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
+  if (rc != 0) return rc;
+  list->clear();
+  int nErr = 0;
+  for (const std::string& line : readLines(cpath)) {
+    std::vector<std::string> f = splitFields(line, 4);
+    if (f.size() != 5 || !allDigits(f[0]) || !allDigits(f[1]) ||
+        (!f[3].empty() && !allDigits(f[3]))) {
+      nErr++;
+      continue;
+    }
+    int port = f[3].empty() ? static_cast<int>(defaultPort) : toInt(f[3]);
+    Node n(toInt(f[0]), f[4], NodeLocation(f[2], port));
+    n.old = oddFlag(f[1]);
+    list->push_back(n);
+  }
+  trace(4, "readNodeList('%s') size %d nErr %d", cpath, static_cast<int>(list->size()), nErr);
+  return nErr > 0 ? E_IO : 0;
+}
+
+int writeNodeList(const std::string& path, const Nodes& list) {
+  char cpath[kPlatPathMax];
+  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
+  if (rc != 0) return rc;
+  bool ok = false;
+  FILE* f = fopen(cpath, "w");
+  if (f != nullptr) {
+    for (const Node& n : list) {
+      std::string port;
+      if (n.addr.port != static_cast<int>(defaultPort)) port = std::to_string(n.addr.port);
+      fprintf(f, "%d,%d,%s,%s,%s\n", n.id, n.old ? 1 : 0, n.addr.addr.c_str(), port.c_str(),
+              n.name.c_str());
+      fflush(f);
+    }
+    ok = fflush(f) == 0 && !ferror(f);
+    if (fclose(f) != 0) ok = false;
+  }
+  trace(4, "writeNodeList('%s') ok %d", cpath, ok ? 1 : 0);
+  return ok ? 0 : E_IO;
+}
+
+int readDiskList(const std::string& path, DiskMap* disks) {
+  char cpath[kPlatPathMax];
+  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
+  if (rc != 0) return rc;
+  disks->clear();
+  int nErr = 0;
+  for (const std::string& line : readLines(cpath)) {
+    std::vector<std::string> f = splitFields(line, 2);
+    if (f.size() != 3 || !allDigits(f[0]) || !allDigits(f[1])) {
+      nErr++;
+      continue;
+    }
+    (*disks)[toInt(f[0])] = ZELDisk(f[2], oddFlag(f[1]));
+  }
+  trace(4, "readDiskList('%s') size %d nErr %d", cpath, static_cast<int>(disks->size()), nErr);
+  return nErr > 0 ? E_IO : 0;
+}
+
+int writeDiskList(const std::string& path, const DiskMap& disks) {
+  char cpath[kPlatPathMax];
+  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
+  if (rc != 0) return rc;
+  bool ok = false;
+  FILE* f = fopen(cpath, "w");
+  if (f != nullptr) {
+    for (const auto& d : disks) {
+      fprintf(f, "%d,%d,%s\n", d.first, d.second.old ? 1 : 0, d.second.label.c_str());
+      fflush(f);
+    }
+    ok = fflush(f) == 0 && !ferror(f);
+    if (fclose(f) != 0) ok = false;
+  }
+  trace(4, "writeDiskList('%s') ok %d", cpath, ok ? 1 : 0);
+  return ok ? 0 : E_IO;
+}
+
+bool isDiskDesc(const std::string& s) {
+  if (s.size() < 16) return false;
+  size_t pos = s.find_first_not_of("0123456789abcdefABCDEF");
+  return pos == std::string::npos || s[pos] == ':';
+}
+
+bool isFilePrivate(const std::string& name) {
+  return name.compare(0, 1, "_") == 0 || name.compare(0, 6, "genKey") == 0;
+}

@@ -1,0 +1,195 @@
+// Node and disk list arguments: items from -n / -p and -d turned into node sets
+// and disk maps, checked against the locally known cluster.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "zel/kxcomm_addr.h"
+#include "zel/paxosutils.h"
+#include "zel/zelcmd.h"
+#include "zel/zelerr.h"
+
+namespace {
+
+// The port an item without one gets: the current one once the store is up.
+int itemDefaultPort() {
+  return zelPort > 0 ? zelPort : static_cast<int>(defaultPort);
+}
+
+int portOf(const std::string& text, size_t colon) {
+  return static_cast<int>(strtol(text.c_str() + colon + 1, nullptr, 10));
+}
+
+void splitItem(const std::string& text, std::string* host, int* port) {
+  size_t close = text.rfind(']');
+  if (!text.empty() && text[0] == '[' && close != std::string::npos) {
+    *host = text.substr(1, close - 1);
+    if (close + 1 == text.size()) {
+      *port = itemDefaultPort();
+    } else if (text[close + 1] == ':') {
+      *port = portOf(text, text.rfind(':'));
+    } else {
+      *port = 0;
+    }
+    return;
+  }
+  size_t colon = text.rfind(':');
+  if (colon == std::string::npos) {
+    *host = text;
+    *port = itemDefaultPort();
+    return;
+  }
+  *host = text.substr(0, colon);
+  *port = portOf(text, colon);
+}
+
+int toId(const std::string& digits) {
+  long long v = strtoll(digits.c_str(), nullptr, 10);
+  return static_cast<int>(v);
+}
+
+}  // namespace
+
+std::string GetHostByName(const std::string& host) {
+  CommAddr ca;
+  if (convertCommAddr(host, 1, &ca) != 0) return std::string();
+  return ca.addr.toString();
+}
+
+std::string locToString(const std::string& addr, int port) {
+  if (addr.find(':') != std::string::npos) return "[" + addr + "]:" + std::to_string(port);
+  return addr + ":" + std::to_string(port);
+}
+
+int parseNodeList(const ZelArgs& items, Nodes* out, bool assignIds) {
+  out->clear();
+  const NodeNameMap& nodeNames = GetNodeNames();
+  const NodeLocMap& nodeMap = GetNodeMap();
+  // Ascending id order, so the higher id wins for a shared location.
+  std::map<NodeLocation, int> byLocation;
+  for (const auto& e : nodeMap) byLocation[e.second] = e.first;
+
+  int maxId = 0;
+  int nBad = 0;
+  for (const std::string& item : items) {
+    size_t pos = item.find_first_not_of("0123456789");
+    int id = -1;
+    std::string name, host;
+    NodeLocation loc;
+    if (pos == std::string::npos) {
+      id = toId(item);
+      if (id < 1) {
+        fprintf(stderr, "invalid node id %s\n", item.c_str());
+        nBad++;
+        continue;
+      }
+      auto nameP = nodeNames.find(id);
+      if (nameP == nodeNames.end()) {
+        fprintf(stderr, "Unknwon node id %d\n", id);
+        nBad++;
+        continue;
+      }
+      auto locP = nodeMap.find(id);
+      ZASSERT_T(locP != nodeMap.end(), "locP != nodeMap.end()");
+      name = nameP->second;
+      host = name;
+      loc = locP->second;
+    } else {
+      bool explicitId = pos > 0 && item[pos] == '=' && pos + 1 < item.size();
+      std::string text = item;
+      if (explicitId) {
+        id = toId(item.substr(0, pos));
+        if (id < 1) {
+          fprintf(stderr, "Invalid node id %d in '%s'\n", id, item.c_str());
+          nBad++;
+          continue;
+        }
+        text = item.substr(pos + 1);
+      }
+      int port = 0;
+      splitItem(text, &host, &port);
+      if (host.empty()) {
+        fprintf(stderr, "Missing host in '%s'\n", item.c_str());
+        nBad++;
+        continue;
+      }
+      std::string addr = GetHostByName(host);
+      if (addr.empty()) {
+        fprintf(stderr, "Unknown host '%s'\n", host.c_str());
+        nBad++;
+        continue;
+      }
+      name = host;
+      loc = NodeLocation(addr, port);
+      if (!explicitId) {
+        auto known = byLocation.find(loc);
+        if (known != byLocation.end()) id = known->second;
+      } else {
+        auto nameP = nodeNames.find(id);
+        if (nameP != nodeNames.end() && nameP->second != host) {
+          fprintf(stderr, "Node id %d in '%d=%s' already known as '%s'\n", id, id, item.c_str(),
+                  nameP->second.c_str());
+          nBad++;
+          continue;
+        }
+        auto locP = nodeMap.find(id);
+        if (locP != nodeMap.end() && locP->second != loc) {
+          fprintf(stderr, "Address of node %d in '%d=%s' changed from %s to %s\n", id, id,
+                  item.c_str(), locToString(locP->second.addr, locP->second.port).c_str(),
+                  locToString(loc.addr, loc.port).c_str());
+          nBad++;
+          continue;
+        }
+      }
+    }
+    if (id > maxId) maxId = id;
+    trace(4, "parseNodeList: %s -> id %d host %s port %d ipaddr %s", item.c_str(), id, host.c_str(),
+          loc.port, loc.addr.c_str());
+    out->push_back(Node(id, name, loc));
+  }
+
+  if (assignIds) {
+    for (Node& n : *out) {
+      if (n.id == -1) n.id = ++maxId;
+    }
+  }
+  return nBad > 0 ? E_INVAL : 0;
+}
+
+int parseNodeListDefaultLocal(const ZelArgs& items, Nodes* out, bool requireServer) {
+  if (!items.empty()) return parseNodeList(items, out, false);
+  out->clear();
+  if (zelNodeId >= 0) {
+    out->push_back(zelMyNode);
+    return 0;
+  }
+  if (requireServer) {
+    fprintf(stderr, "Not a server and no node list specified (use '-n nodeList' option)\n");
+    return E_INVAL;
+  }
+  out->push_back(Node(-1, "localhost", NodeLocation("localhost", zelPort)));
+  return 0;
+}
+
+int parseDiskList(const ZelArgs& items, const std::string& diskDir, DiskMap* disks) {
+  ZASSERT_T(diskDir.empty() || IsAbsPath(diskDir), "diskDir.empty() || IsAbsPath(diskDir)");
+  disks->clear();
+  int n = 0;
+  for (const std::string& item : items) {
+    if (item.empty()) continue;
+    std::string label;
+    if (IsAbsPath(item)) {
+      label = item;
+    } else if (!diskDir.empty()) {
+      label = diskDir + "/" + item;
+    } else if (isDiskDesc(item)) {
+      label = item;
+    } else {
+      fprintf(stderr, "Invalid disk label '%s'\n", item.c_str());
+      return E_INVAL;
+    }
+    n++;
+    trace(4, "parseDiskList: disk %d '%s'", n, label.c_str());
+    (*disks)[n] = ZELDisk(label, 0);
+  }
+  return 0;
+}
