@@ -4,11 +4,8 @@
 // the key in both.
 #include "zel/kxsec.h"
 
-#if __has_include("zel/zelutils.h")
 #include "zel/zelutils.h"
 
 int InitSecurity() {
   return InitSecurityAt(SecPathsForKey(std::string(zelKeyFilePath), std::string(zelCertFilePath)));
 }
-
-#endif

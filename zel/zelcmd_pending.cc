@@ -20,11 +20,6 @@ int PaxosInit() {
   return 0;
 }
 
-// Not yet available: peer authentication (off until it lands).
-int InitSecurity() {
-  return 0;
-}
-
 // Not yet available.
 int SetupCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
