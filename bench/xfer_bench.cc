@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/psock.h"
 #include "zel/kxcomm.h"
 #include "zel/zelxfer.h"
 
@@ -45,6 +46,9 @@ void MakePair(Connection** sender, Connection** receiver) {
   connect(cfd, reinterpret_cast<sockaddr*>(&sa), len);
   int afd = accept(lfd, nullptr, nullptr);
   close(lfd);
+  // Both ends as in real use: no-delay (the client sets it when connecting).
+  PlatSetNoDelay(cfd);
+  PlatSetNoDelay(afd);
   CommAddr peer;
   *sender = new ConnImplementation(afd, SdrSecInfo(), peer);
   *receiver = new ConnImplementation(cfd, SdrSecInfo(), peer);
