@@ -452,8 +452,10 @@ void FakeServer::serveConn(int fd, int connNo) {
         const Step& s = script_.front();
         if (s.kind == Step::kExpect && s.type != type) {
           err = std::string("expected '") + msgName(s.type) + "', got '" + msgName(type) + "'";
+          script_.pop_front();  // reported once, here
         } else if (s.kind == Step::kExpect && s.matchBody && s.body != body) {
           err = std::string("unexpected body of '") + msgName(type) + "'";
+          script_.pop_front();
         } else {
           acts = s.actions;
           script_.pop_front();

@@ -4,7 +4,9 @@
 // each step expects one request and then runs its actions. "eor" requests are
 // answered by the server itself unless a step expects "eor". Every message
 // received is recorded. At destruction the server waits briefly for the script to
-// be used up, then fails the test if any step is left or anything unexpected came.
+// be used up, then fails the test if any step is left or anything unexpected came
+// (a message that does not match its step consumes the step and closes the
+// connection).
 //
 // Example:
 //   FakeServer srv;
