@@ -1,0 +1,67 @@
+// Arbitrary bytes as a server's reply stream: the greeting answer (unless the
+// first byte's low bit says to skip it) and then messages, read by the client's
+// receive and ReceiveErrCheck over a socket pair.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "zel/kxcomm.h"
+
+namespace {
+
+constexpr size_t kMaxInput = 65536;
+constexpr int kMaxMessages = 64;
+
+bool Init() {
+  KxSetTransferTimeouts(200, 200);
+  FILE* devnull = fopen("/dev/null", "w");
+  KxSetForwardStreams(devnull, devnull);
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static bool initialised = Init();
+  (void)initialised;
+  if (size == 0) return 0;
+  bool skipGreeting = data[0] & 1;
+  data++;
+  size = std::min(size - 1, kMaxInput);
+
+  int fds[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return 0;
+  int sndbuf = static_cast<int>(kMaxInput) * 2;
+  setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
+  size_t off = 0;
+  while (off < size) {
+    ssize_t n = send(fds[1], data + off, size - off, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n <= 0) break;  // what does not fit is dropped
+    off += static_cast<size_t>(n);
+  }
+  shutdown(fds[1], SHUT_WR);
+
+  SdrSecInfo info;
+  int rc = 0;
+  if (!skipGreeting) {
+    rc = kxSendGreeting(fds[0], 200, &info);
+    if (rc == 0) rc = kxReadGreetingAnswer(fds[0], 200, &info);
+  }
+  if (rc == 0) {
+    ConnImplementation conn(fds[0], info, CommAddr());
+    for (int i = 0; i < kMaxMessages && !conn.isBroken(); i++) {
+      int type = 0, len = 0;
+      char* body = nullptr;
+      ReceiveErrCheck(&conn, &type, &body, &len);
+      delete[] body;
+    }
+  } else {
+    close(fds[0]);
+  }
+  close(fds[1]);
+  return 0;
+}

@@ -1,0 +1,382 @@
+#include "zel/kxcomm.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "platform/psock.h"
+#include "support/fakeserver.h"
+#include "zel/cachedcomm.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelfiles.h"
+#include "zel/zelmsg.h"
+
+namespace {
+
+class KxCommTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KxSetTransferTimeouts(5000, 5000);
+    outConnectionCache.clear();
+    zelClusterId = 0;
+    SetKxSecurity(KxSecurity());
+  }
+  void TearDown() override {
+    outConnectionCache.clear();
+    zelClusterId = 0;
+    SetKxSecurity(KxSecurity());
+    PlatSetConnectFn(nullptr);
+    SetSimulateNetworkDisconnectAddrs(false, CommAddr(), CommAddr());
+    KxSetForwardStreams(nullptr, nullptr);
+  }
+};
+
+// A connection that the caller owns and destroys.
+struct Conn {
+  Connection* c = nullptr;
+  ~Conn() { delete c; }
+};
+
+TEST(ZelMsgTest, NamesAuthFlagsAndErrorTexts) {
+  struct {
+    int type;
+    const char* name;
+    bool auth;
+  } rows[] = {
+      {-3, "refresh", false},  {-1, "failed", false},       {3, "dump", true},
+      {19, "auth", false},     {8, "fget", false},          {17, "fcrc", true},
+      {32, "fget_priv", true}, {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
+      {21, "unknown", false},  {65, "unknown", false},      {-4, "unknown", false}};
+  for (const auto& r : rows) {
+    EXPECT_STREQ(msgName(r.type), r.name) << r.type;
+    EXPECT_EQ(msgAuthRequired(r.type), r.auth) << r.type;
+  }
+  EXPECT_STREQ(errcodeToString(128), "Ok");
+  EXPECT_STREQ(errcodeToString(143), "Unable to connect to the server");
+  EXPECT_STREQ(errcodeToString(157), "Unable to contact current leader");
+  EXPECT_STREQ(errcodeToString(158), "Invalid error number");
+  EXPECT_STREQ(errcodeToString(-1), "Invalid error number");
+  EXPECT_STREQ(errcodeToString(EIO), strerror(EIO));
+}
+
+TEST_F(KxCommTest, FramingBothWays) {
+  FakeServer srv;
+  std::string big(100000, 'x');
+  srv.expect(MSG_TYPE_VGET, std::string("name\0", 5))
+      .reply(REPLY_TYPE_SEQ_COMMIT, big)
+      .reply(MSG_TYPE_OK)
+      .raw(FakeServer::header8(511 - kMsgCodeBias, 0));
+  Conn k;
+  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+  ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "name", 5), 0);
+  int type = 0, len = 0;
+  char* body = nullptr;
+  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
+  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
+  ASSERT_EQ(len, 100000);
+  EXPECT_EQ(std::string(body, len), big);
+  delete[] body;
+  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
+  EXPECT_EQ(type, MSG_TYPE_OK);
+  EXPECT_EQ(body, nullptr);
+  EXPECT_EQ(len, 0);
+  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
+  EXPECT_EQ(type, -1);  // code 511
+  ASSERT_TRUE(srv.waitDone(2000));
+  ASSERT_EQ(srv.greetings().size(), 1u);
+  EXPECT_EQ(srv.greetings()[0].raw.size(), 64u);
+  EXPECT_EQ(srv.greetings()[0].version, 101);
+  EXPECT_FALSE(srv.greetings()[0].hasRecord6);
+}
+
+TEST_F(KxCommTest, ForwardsStdoutAndStderrInOrder) {
+  FILE* f = tmpfile();
+  ASSERT_NE(f, nullptr);
+  KxSetForwardStreams(f, f);
+  FakeServer srv;
+  srv.expect(MSG_TYPE_STATUS)
+      .reply(REPLY_TYPE_STDOUT, "one ")
+      .reply(REPLY_TYPE_STDERR, std::string("two \0junk", 9))
+      .reply(REPLY_TYPE_STDOUT, "")
+      .reply(REPLY_TYPE_STDOUT, "three")
+      .reply(REPLY_TYPE_UID, "U");
+  Conn k;
+  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+  ASSERT_EQ(k.c->send(MSG_TYPE_STATUS, nullptr, 0), 0);
+  int type = 0, len = 0;
+  char* body = nullptr;
+  ASSERT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), 0);
+  EXPECT_EQ(type, REPLY_TYPE_UID);
+  EXPECT_EQ(std::string(body, len), "U");
+  delete[] body;
+  rewind(f);
+  char buf[64] = {};
+  size_t n = fread(buf, 1, sizeof buf - 1, f);
+  fclose(f);
+  EXPECT_EQ(std::string(buf, n), "one two three");
+}
+
+TEST_F(KxCommTest, FailedReplyCarriesErrorCode) {
+  struct {
+    std::string body;
+    int rc;
+  } cases[] = {
+      {std::string(1, '\x01'), 0},
+      {std::string(1, '\0'), -1},
+      {FakeServer::failedBody(152), 152},
+      {FakeServer::failedBody(819), 819},
+      {"", E_BAD_MESSAGE},                      // empty body
+      {std::string(1, '\xff'), E_BAD_MESSAGE},  // cut short
+  };
+  for (const auto& c : cases) {
+    FakeServer srv;
+    srv.expect(MSG_TYPE_VGET).reply(REPLY_TYPE_STDOUT, "").reply(MSG_TYPE_FAILED, c.body);
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "x", 1), 0);
+    int type = 0, len = 7;
+    char* body = nullptr;
+    EXPECT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), c.rc) << c.rc;
+    EXPECT_EQ(type, MSG_TYPE_FAILED);
+    EXPECT_EQ(body, nullptr);
+    EXPECT_EQ(len, 0);
+    EXPECT_EQ(k.c->isBroken(), c.rc == E_BAD_MESSAGE);
+  }
+}
+
+TEST_F(KxCommTest, BodyLengthLimit) {
+  struct {
+    unsigned int len;
+    int rc;
+  } cases[] = {{8388609u, E_BAD_MESSAGE},
+               {0x80000000u, E_BAD_MESSAGE},
+               {0xFFFFFFFFu, E_BAD_MESSAGE},
+               {8388608u, 0}};
+  for (const auto& c : cases) {
+    FakeServer srv;
+    if (c.rc == 0) {
+      srv.expect(MSG_TYPE_VGET).reply(REPLY_TYPE_SEQ_COMMIT, std::string(c.len, 'b'));
+    } else {
+      srv.expect(MSG_TYPE_VGET).header(REPLY_TYPE_SEQ_COMMIT, c.len);
+    }
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
+    int type = 0, len = 0;
+    char* body = nullptr;
+    EXPECT_EQ(k.c->receive(&type, &body, &len), c.rc) << c.len;
+    EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
+    EXPECT_EQ(len, c.rc == 0 ? static_cast<int>(c.len) : 0);
+    EXPECT_EQ(k.c->isBroken(), c.rc != 0);
+    delete[] body;
+  }
+}
+
+TEST_F(KxCommTest, PeerCloseAndTruncatedBodyGive144) {
+  FakeServer srv;
+  srv.expect(MSG_TYPE_VGET).truncated(REPLY_TYPE_SEQ_COMMIT, "0123456789", 4);
+  srv.expect(MSG_TYPE_VGET).closeConn();
+  for (int i = 0; i < 2; i++) {
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
+    int type = 0, len = 0;
+    char* body = nullptr;
+    EXPECT_EQ(k.c->receive(&type, &body, &len), E_CONN_SHUTDOWN);
+    EXPECT_EQ(body, nullptr);
+    EXPECT_TRUE(k.c->isBroken());
+  }
+}
+
+TEST_F(KxCommTest, GreetingFailures) {
+  FakeServer::Options badMagic;
+  badMagic.badMagic = true;
+  FakeServer::Options rejected;
+  rejected.status = 1;
+  FakeServer::Options hugeRecord;
+  hugeRecord.rawAnswer = std::string("\xF3\x68\x90\x38", 4) + std::string(8, '\0') +
+                         std::string("\x01\x00\x10\x01", 4) + std::string(4, '\0');
+  FakeServer::Options shortAnswer;
+  shortAnswer.rawAnswer = std::string("\xF3\x68\x90\x38", 4);
+  struct {
+    FakeServer::Options* o;
+    int rc;
+  } cases[] = {{&badMagic, E_CANT_CONNECT},
+               {&rejected, E_CONN_REJECTED},
+               {&hugeRecord, E_BAD_ATTACH_LEN},
+               {&shortAnswer, E_CONN_SHUTDOWN}};
+  for (const auto& c : cases) {
+    c.o->drainMs = 0;
+    FakeServer srv(*c.o);
+    if (c.rc == E_CONN_SHUTDOWN) srv.onConnect().closeConn();
+    Conn k;
+    EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), c.rc);
+    EXPECT_EQ(k.c, nullptr);
+  }
+}
+
+TEST_F(KxCommTest, GreetingAnswerRecordsAreLearnt) {
+  FakeServer::Options o;
+  o.clusterId = 0x123456789abcdefULL;
+  o.version = 77;
+  o.record6 = true;
+  o.keyGenNumber = 4;
+  o.clusterName = "alpha.example";
+  o.extraRecords = {{42, std::string(12, 'z')}};
+  FakeServer srv(o);
+  Conn k;
+  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+  auto* ci = static_cast<ConnImplementation*>(k.c);
+  EXPECT_EQ(ci->getClusterId(), 0x123456789abcdefULL);
+  EXPECT_EQ(ci->getZelVersion(), 77);
+  EXPECT_EQ(ci->secInfo().peerKeyGenNumber, 4);
+  EXPECT_TRUE(ci->secInfo().hasPeerClusterName);
+  EXPECT_EQ(ci->secInfo().peerClusterName, "alpha.example");
+  EXPECT_EQ(ci->secInfo().keyGenNumber, -1);
+}
+
+int authCalls = 0;
+int TestAuthOut(int sock, const SdrSecInfo&) {
+  authCalls++;
+  size_t n = 0;
+  return PlatSend(sock, "A", 1, 0, &n);
+}
+int TestAuthIn(int sock) {
+  char c = 0;
+  return (::recv(sock, &c, 1, 0) == 1 && c == 'A') ? 0 : -1;
+}
+
+TEST_F(KxCommTest, SecurityGreetingAndAuthenticationOnFirstMessageOnly) {
+  KxSecurity sec;
+  sec.ready = true;
+  sec.keyGenNumber = 3;
+  sec.clusterName = "c1.dom";
+  sec.authenticateOutgoing = TestAuthOut;
+  SetKxSecurity(sec);
+  zelClusterId = 0x0102030405060708ULL;
+  FakeServer::Options o;
+  o.authenticateIncoming = TestAuthIn;
+  FakeServer srv(o);
+  // First message needs auth: the exchange sits between header and body.
+  srv.expect(MSG_TYPE_VPUT, "body")
+      .reply(MSG_TYPE_OK)
+      .expect(MSG_TYPE_VPUT, "again")
+      .reply(MSG_TYPE_OK);
+  // First message needs none: no exchange even for a later vput.
+  srv.expect(MSG_TYPE_VGET, "g").reply(MSG_TYPE_OK).expect(MSG_TYPE_VPUT, "p").reply(MSG_TYPE_OK);
+  authCalls = 0;
+  {
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "body", 4), 0);
+    EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "again", 5), 0);
+    EXPECT_TRUE(k.c->isAuthenticated());
+  }
+  EXPECT_EQ(authCalls, 1);
+  {
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    EXPECT_EQ(k.c->send(MSG_TYPE_VGET, "g", 1), 0);
+    EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "p", 1), 0);
+    ASSERT_TRUE(srv.waitDone(3000));
+  }
+  EXPECT_EQ(authCalls, 1);
+  auto g = srv.greetings();
+  ASSERT_EQ(g.size(), 2u);
+  EXPECT_TRUE(g[0].hasRecord6);
+  EXPECT_EQ(g[0].keyGenNumber, 3);
+  EXPECT_EQ(g[0].clusterName, "c1.dom");
+  EXPECT_EQ(g[0].raw.size(), 64u + 20u);  // (6 + 16) rounded down to 4
+  EXPECT_EQ(g[0].clusterId, 0x0102030405060708ULL);
+}
+
+TEST_F(KxCommTest, ClusterIdMismatchOnFirstSend) {
+  struct {
+    unsigned long long mine, theirs;
+    int rc;
+  } cases[] = {{5, 6, E_CLUSTER_MISMATCH}, {5, 5, 0}, {0, 6, 0}, {5, 0, 0}};
+  for (const auto& c : cases) {
+    FakeServer::Options o;
+    o.clusterId = c.theirs;
+    FakeServer srv(o);
+    if (c.rc == 0) srv.expect(MSG_TYPE_VGET);
+    zelClusterId = c.mine;
+    Conn k;
+    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+    EXPECT_EQ(k.c->send(MSG_TYPE_VGET, "v", 1), c.rc);
+    EXPECT_EQ(k.c->isBroken(), c.rc != 0);
+    if (c.rc == 0) {
+      EXPECT_TRUE(srv.waitDone(3000));
+    }
+  }
+}
+
+int seamCalls = 0;
+int AlwaysInProgress(int, const struct sockaddr*, socklen_t) {
+  seamCalls++;
+  return EINPROGRESS;
+}
+int FirstInProgress(int fd, const struct sockaddr* sa, socklen_t len) {
+  if (seamCalls++ == 0) {
+    ::connect(fd, sa, len);
+    return EINPROGRESS;
+  }
+  return ::connect(fd, sa, len) < 0 ? errno : 0;
+}
+
+TEST_F(KxCommTest, ConnectThroughSeamInProgressAndTimeOut) {
+  FakeServer srv;
+  seamCalls = 0;
+  PlatSetConnectFn(FirstInProgress);
+  Conn k;
+  EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+  EXPECT_GE(seamCalls, 2);
+  seamCalls = 0;
+  PlatSetConnectFn(AlwaysInProgress);
+  Conn t;
+  EXPECT_EQ(connectTo(srv.addr(), &t.c, 50), ETIMEDOUT);
+  EXPECT_EQ(t.c, nullptr);
+  EXPECT_GE(seamCalls, 1);
+  PlatSetConnectFn(nullptr);
+  // A closed port is refused.
+  CommAddr gone = srv.addr();
+  {
+    FakeServer other;
+    gone = other.addr();
+  }
+  Conn r;
+  EXPECT_EQ(connectTo(gone, &r.c, 2000), ECONNREFUSED);
+}
+
+TEST_F(KxCommTest, SimulatedDisconnectAllowsOnlyOwnAndLocalHost) {
+  FakeServer srv;
+  CommAddr other;
+  ASSERT_TRUE(IpAddr::parse("10.9.8.7", &other.addr));
+  SetSimulateNetworkDisconnectAddrs(true, other, other);
+  Conn k;
+  EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), E_IO);
+  CommAddr own = srv.addr();
+  own.port = 1;  // only the address bytes count
+  SetSimulateNetworkDisconnectAddrs(true, own, other);
+  EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
+}
+
+TEST_F(KxCommTest, SendReceiveByHostAndIpv6) {
+  FakeServer::Options o;
+  o.ipv6 = true;
+  FakeServer srv(o);
+  srv.expect(MSG_TYPE_VGET, "q").reply(REPLY_TYPE_SEQ_COMMIT, "answer");
+  int type = 0, len = 0;
+  char* body = nullptr;
+  ASSERT_EQ(SendReceive("::1", srv.port(), MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), 0);
+  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
+  EXPECT_EQ(std::string(body, len), "answer");
+  delete[] body;
+  EXPECT_EQ(SendReceive("localhost", 0, MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), E_INVAL);
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+#include "zel/zelxfer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/fakeserver.h"
+#include "support/testutil.h"
+#include "zel/cachedcomm.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelmsg.h"
+
+namespace {
+
+std::string Pattern(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + i / 7) & 0xff);
+  return s;
+}
+
+unsigned int Cksum(const std::string& s) {
+  return finalcrc(partialcrc(reinterpret_cast<const unsigned char*>(s.data()), s.size(), 0),
+                  s.size());
+}
+
+class ZelXferTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KxSetTransferTimeouts(5000, 5000);
+    outConnectionCache.clear();
+  }
+  void TearDown() override { delete conn_; }
+  Connection* connect(const FakeServer& srv) {
+    EXPECT_EQ(connectTo(srv.addr(), &conn_, 2000), 0);
+    return conn_;
+  }
+  Connection* conn_ = nullptr;
+  TempDir dir_;
+};
+
+TEST_F(ZelXferTest, SendFileChunksAndCrc) {
+  struct {
+    size_t size;
+    size_t chunks;
+  } cases[] = {{0, 0}, {1, 1}, {1048576, 1}, {1048577, 2}, {3 * 1048576 + 5, 4}};
+  for (const auto& c : cases) {
+    FakeServer srv;
+    srv.expect(MSG_TYPE_FPUT).receiveFile();
+    std::string path = dir_.file("src" + std::to_string(c.size));
+    std::string data = Pattern(c.size);
+    WriteFile(path, data);
+    Connection* k = connect(srv);
+    ASSERT_EQ(k->send(MSG_TYPE_FPUT, "f", 1), 0);
+    bool localErr = true;
+    EXPECT_EQ(sendFile(k, path, static_cast<int>(c.size), &localErr), 0);
+    EXPECT_FALSE(localErr);
+    ASSERT_TRUE(srv.waitDone(5000));
+    auto files = srv.files();
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_TRUE(files[0].data == data) << c.size;
+    EXPECT_TRUE(files[0].crcOk);
+    EXPECT_EQ(files[0].crcSent, Cksum(data));
+    EXPECT_EQ(srv.messagesOfType(MSG_TYPE_FDATA).size(), c.chunks) << c.size;
+    delete conn_;
+    conn_ = nullptr;
+  }
+}
+
+TEST_F(ZelXferTest, SendMissingFileIsLocal810) {
+  FakeServer srv;
+  Connection* k = connect(srv);
+  bool localErr = false;
+  EXPECT_EQ(sendFile(k, dir_.file("none"), 0, &localErr), E_XFER_FAILED);
+  EXPECT_TRUE(localErr);
+}
+
+TEST_F(ZelXferTest, ReceiveFileSizes) {
+  for (size_t size : {size_t(0), size_t(1048576), size_t(1048577), size_t(2500000)}) {
+    FakeServer srv;
+    std::string data = Pattern(size);
+    srv.expect(MSG_TYPE_FGET);
+    // A stray message during the data phase is dropped (with size 0 there is none).
+    if (size > 0) srv.reply(MSG_TYPE_OK);
+    srv.sendFile(data, 0, 700000);
+    Connection* k = connect(srv);
+    ASSERT_EQ(k->send(MSG_TYPE_FGET, "f", 1), 0);
+    std::string target = dir_.file("got" + std::to_string(size));
+    unsigned int crc = 0;
+    bool localErr = true;
+    EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
+    EXPECT_FALSE(localErr);
+    EXPECT_EQ(crc, Cksum(data));
+    EXPECT_TRUE(ReadFile(target) == data) << size;
+    delete conn_;
+    conn_ = nullptr;
+  }
+  EXPECT_EQ(ListDir(dir_.path()).size(), 4u);  // no temporary file left
+}
+
+TEST_F(ZelXferTest, BadCrcOrProtocolLeavesNothing) {
+  struct {
+    const char* what;
+    void (*script)(FakeServer&);
+    int rc;
+  } cases[] = {
+      {"corrupted fcrc", [](FakeServer& s) { s.sendFile("hello world", 0x1); }, E_XFER_FAILED},
+      {"short fcrc",
+       [](FakeServer& s) { s.reply(MSG_TYPE_FDATA, "hello world").reply(MSG_TYPE_FCRC, "ab"); },
+       E_XFER_FAILED},
+      {"no fcrc", [](FakeServer& s) { s.reply(MSG_TYPE_FDATA, "hello world").reply(MSG_TYPE_OK); },
+       E_BAD_MESSAGE},
+      {"closed mid-file", [](FakeServer& s) { s.truncated(MSG_TYPE_FDATA, "hello world", 3); },
+       E_CONN_SHUTDOWN},
+  };
+  for (const auto& c : cases) {
+    FakeServer srv;
+    srv.expect(MSG_TYPE_FGET);
+    c.script(srv);
+    Connection* k = connect(srv);
+    ASSERT_EQ(k->send(MSG_TYPE_FGET, "f", 1), 0);
+    unsigned int crc = 0;
+    bool localErr = true;
+    EXPECT_EQ(receiveFile(k, dir_.file("t"), 11, false, &crc, &localErr, true), c.rc) << c.what;
+    EXPECT_FALSE(localErr) << c.what;
+    EXPECT_TRUE(ListDir(dir_.path()).empty()) << c.what;
+    delete conn_;
+    conn_ = nullptr;
+  }
+}
+
+TEST_F(ZelXferTest, DurableReceiveKeepsExistingTarget) {
+  FakeServer srv;
+  srv.expect(MSG_TYPE_FGET).sendFile("new contents");
+  std::string target = dir_.file("t");
+  WriteFile(target, "first copy");
+  Connection* k = connect(srv);
+  ASSERT_EQ(k->send(MSG_TYPE_FGET, "f", 1), 0);
+  unsigned int crc = 0;
+  EXPECT_EQ(receiveFile(k, target, 12, false, &crc, nullptr, true), 0);
+  EXPECT_EQ(ReadFile(target), "first copy");
+  EXPECT_EQ(ListDir(dir_.path()), std::vector<std::string>{"t"});
+}
+
+TEST_F(ZelXferTest, CrcNamingReplacesLastDotZeroDot) {
+  struct {
+    const char* name;
+    const char* crcAt;  // the name with %s where the CRC goes
+  } cases[] = {{"zel.nodes.1.3.0.0a0b0c", "zel.nodes.1.3.%s.0a0b0c"},
+               {"zel.nodes.1.0.0.0a0b0c", "zel.nodes.1.0.%s.0a0b0c"}};
+  for (const auto& c : cases) {
+    FakeServer srv;
+    std::string data = "node list contents " + std::string(c.name);
+    srv.expect(MSG_TYPE_FGET).sendFile(data);
+    Connection* k = connect(srv);
+    ASSERT_EQ(k->send(MSG_TYPE_FGET, "f", 1), 0);
+    std::string target = dir_.file(c.name);
+    unsigned int crc = 0;
+    ASSERT_EQ(receiveFileCRCRename(k, &target, static_cast<int>(data.size()), true, &crc, nullptr),
+              0);
+    char hex[16], want[128];
+    snprintf(hex, sizeof hex, "%x", Cksum(data));
+    snprintf(want, sizeof want, c.crcAt, hex);
+    EXPECT_EQ(target, dir_.file(want));
+    EXPECT_EQ(ReadFile(target), data);
+    struct stat st;
+    ASSERT_EQ(stat(target.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);  // private
+    delete conn_;
+    conn_ = nullptr;
+  }
+}
+
+TEST_F(ZelXferTest, EmptyTargetWritesToStandardOutput) {
+  FakeServer srv;
+  std::string data = Pattern(5000);
+  srv.expect(MSG_TYPE_FGET).sendFile(data);
+  Connection* k = connect(srv);
+  ASSERT_EQ(k->send(MSG_TYPE_FGET, "f", 1), 0);
+  std::string out = dir_.file("stdout");
+  fflush(stdout);
+  int saved = dup(STDOUT_FILENO);
+  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  dup2(fd, STDOUT_FILENO);
+  close(fd);
+  unsigned int crc = 0;
+  int rc = receiveFile(k, "", 5000, false, &crc, nullptr, true);
+  bool stdoutClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
+  dup2(saved, STDOUT_FILENO);
+  close(saved);
+  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(stdoutClosed);
+  EXPECT_TRUE(ReadFile(out) == data);
+  EXPECT_EQ(ListDir(dir_.path()), std::vector<std::string>{"stdout"});
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+// Checksummed file transfer over an open connection: 1 MiB "fdata" messages
+// followed by one "fcrc" carrying the cksum CRC in big-endian order.
+#ifndef ZEL_ZELXFER_H
+#define ZEL_ZELXFER_H
+
+#include <string>
+
+#include "zel/kxcomm.h"
+
+constexpr int kXferChunkBytes = 1048576;
+
+// Sends the file of fSize bytes. *localErr (optional) tells whether a failure
+// lay on this machine. 810 when the file cannot be opened.
+int sendFile(Connection* conn, const std::string& path, int fSize, bool* localErr = nullptr);
+
+// Receives fSize bytes into target through a temporary file (an empty target
+// writes to standard output and closes it). durable: keep an existing target and
+// sync; otherwise replace it without sync. *crc gets the computed CRC.
+int receiveFile(Connection* conn, std::string target, int fSize, bool isPrivate, unsigned int* crc,
+                bool* localErr, bool durable);
+// As receiveFile with CRC naming (the last ".0." of *target becomes ".<crc hex>.",
+// and *target is updated), skip-if-exists and sync.
+int receiveFileCRCRename(Connection* conn, std::string* target, int fSize, bool isPrivate,
+                         unsigned int* crc, bool* localErr);
+int receiveFileX(Connection* conn, std::string* target, int fSize, bool isPrivate,
+                 unsigned int* crc, bool* localErr, bool crcNaming, bool skipIfExists, bool doSync);
+
+#endif  // ZEL_ZELXFER_H
