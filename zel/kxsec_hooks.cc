@@ -1,8 +1,7 @@
-// Hands the security state to the connection layer once that layer is built
-// in; until then there is nobody to hand it to.
+// Hands the security state to the connection layer: the greeting's record 6
+// and the authentication exchange of a connection's first message.
 #include "zel/kxsec.h"
 
-#if __has_include("zel/kxcomm.h")
 #include "zel/kxcomm.h"
 
 void InstallKxSecurity() {
@@ -13,9 +12,3 @@ void InstallKxSecurity() {
   s.authenticateOutgoing = AuthenticateOutgoing;
   SetKxSecurity(s);
 }
-
-#else
-
-void InstallKxSecurity() {}
-
-#endif
