@@ -32,6 +32,7 @@ struct NodeDescriptor {
 
 class NodeList : public std::vector<NodeDescriptor> {
  public:
+  using std::vector<NodeDescriptor>::vector;
   int getSize() const;
   char* dump(char* p) const;
   // Keeps the entries decoded before a failure.
@@ -45,6 +46,7 @@ class NodeList : public std::vector<NodeDescriptor> {
 
 class DiskList : public std::vector<int> {
  public:
+  using std::vector<int>::vector;
   int getSize() const;
   char* dump(char* p) const;
   const char* load(const char* p, const char* end);
