@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* body2 = h2.load(bp, bend);
   FUZZ_CHECK(body2 == bp + h.getSize());
   FUZZ_CHECK(pfd2.load(body2, bend, fmt) == bend);
-  FUZZ_CHECK(h2.validate(bp, bend) == 0);
+  // The magic is carried as read; only the right one validates.
+  FUZZ_CHECK((h2.validate(bp, bend) == 0) == (h.magic == kPaxosMagic));
   FUZZ_CHECK(h2.magic == h.magic && h2.cid == h.cid && h2.fmtVersion == h.fmtVersion &&
              h2.lastWriterId == h.lastWriterId);
   FUZZ_CHECK(pfd2 == pfd);

@@ -157,10 +157,8 @@ TEST(CommittedStateTest, LatestEpochAndOldVersion) {
   const UpdateId u(1, 1, 1);
   EXPECT_EQ(s.getOldVersion(ProposedUpdate(u)), -1);
   EXPECT_EQ(s.getOldVersion(ProposedUpdate(u, ValueDeletion("a"))), 4);
-  EXPECT_EQ(s.getOldVersion(ProposedUpdate(u, ValueDeletion("zz"))), 0);
   EXPECT_EQ(s.getOldVersion(ProposedUpdate(u, FileDeletion("", 5))), 6);
   EXPECT_EQ(s.getOldVersion(ProposedUpdate(u, ConfigUpdate())), 3);
-  EXPECT_EQ(s.getOldVersion(ProposedUpdate(u, LeaderUpdate(1, 1), 1)), 2);
   EXPECT_EQ(s.getOldVersion(ProposedUpdate()), 0);
 }
 

@@ -253,7 +253,8 @@ struct LeaderUpdate : public UpdatePayload {
 
 class ProposedUpdate {
  public:
-  enum UpdateType {
+  // Fixed underlying type: a decoded type byte may hold any value 0..255.
+  enum UpdateType : int {
     noUpdate = 0,
     noopUpdate = 1,
     valueUpdate = 2,
