@@ -284,6 +284,7 @@ class ProposedUpdate {
   ProposedUpdate& operator=(ProposedUpdate&&) = default;
   ~ProposedUpdate() = default;
 
+  UpdateType updateType() const { return type; }
   // Back to the empty update: null uid, type 0, version -1, no payload.
   void reset();
 
