@@ -72,4 +72,35 @@ unsigned int partialcrc(const unsigned char* p, unsigned long len, unsigned int 
 // Feeds the total length and complements: the cksum value.
 unsigned int finalcrc(unsigned int crc, unsigned long totalLen);
 
+// ---- Record header of the paxos state file ----
+
+constexpr unsigned int kPaxosMagic = 0x1FABC4AD;
+// The smallest encoded header: fixed fields plus two one-byte VarUInts.
+constexpr int kPaxosHeaderMinSize = 22;
+
+// Layout: magic, crc, len, cid (high, low) as UInt32, then fmtVersion (bias 0)
+// and lastWriterId (bias -1) as VarUInt. crc is the raw partialcrc of bytes
+// [8, len) of the record; len counts the whole record, header included.
+struct PaxosHeader {
+  unsigned int magic = kPaxosMagic;
+  unsigned int crc = 0;
+  unsigned int len = 0;
+  unsigned int fmtVersion = 0;
+  unsigned long long cid = 0;
+  int lastWriterId = -1;
+
+  void initHdr();
+  int getSize() const;
+  // Writes crc and len as they stand; setCRC fills the crc afterwards.
+  char* dump(char* p) const;
+  // Stores the checksum of buf[8, len) into bytes 4..7 of buf.
+  void setCRC(char* buf, int len) const;
+  // Decodes the fields without checking magic or crc.
+  const char* load(const char* p, const char* end);
+  // Checks length, magic and crc of a whole encoded record: 0 or E_BAD_PAXOS_DATA.
+  int validate(const char* p, const char* end) const;
+  // "hdr: magic ..., crc ..., len ..., fmtVersion ... cid ... lastWriterId ...\n"
+  std::string toString() const;
+};
+
 #endif  // ZEL_PAXOSUTILS_H

@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/recordcheck.h"
+#include "zel/paxosdata.h"
+
+namespace {
+
+const char kFresh[] = "00 00 01 00 00 00 00 00 00 00 00 00 00";
+
+Dblock Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int chall) {
+  Dblock b;
+  b.seq = seq;
+  b.mbal = mbal;
+  b.bal = bal;
+  if (withInp) b.inp = ProposedUpdate(UpdateId(1, 1, 1));
+  b.leaderChallengeVersion = chall;
+  return b;
+}
+
+TEST(DblockTest, GoldenBytesAndText) {
+  Dblock b = Block(4, {2, 1}, {1, 0}, true, 0);
+  std::string bytes = Encode(b);
+  EXPECT_EQ(Hex(bytes), std::string("04 02 01 01 00 01 01 01 01 01 00 00 00 ") + kFresh);
+  Dblock back;
+  ASSERT_EQ(LoadPrefix(&back, bytes, bytes.size()), static_cast<long>(bytes.size()));
+  EXPECT_EQ(back, b);
+  ExpectTruncationsFail<Dblock>(bytes);
+  EXPECT_EQ(b.toString(),
+            "<seq=4 mbal=(2.1) bal=(1.0) inp=((n1,e1),1):noop:-1:no-op-update chall=0 "
+            "committed=" +
+                CommittedState().toString());
+
+  Dblock empty = Block(4, {2, 1}, {1, 0}, false, 3);
+  EXPECT_EQ(Hex(Encode(empty)), std::string("04 02 01 01 00 00 03 ") + kFresh);
+  // A presence value above 1 fails.
+  std::string bad = Encode(empty);
+  bad[5] = 2;
+  EXPECT_EQ(LoadPrefix(&back, bad, bad.size()), -1);
+}
+
+TEST(DblockTest, MoreRecentThanOrdersFieldByField) {
+  Dblock base = Block(5, {3, 3}, {3, 3}, false, 3);
+  Dblock diffs[] = {Block(6, {0, 0}, {0, 0}, false, 0), Block(5, {4, 0}, {0, 0}, false, 0),
+                    Block(5, {3, 4}, {0, 0}, false, 0), Block(5, {3, 3}, {4, 0}, false, 0),
+                    Block(5, {3, 3}, {3, 4}, false, 0), Block(5, {3, 3}, {3, 3}, false, 4)};
+  for (const auto& d : diffs) {
+    EXPECT_TRUE(d.moreRecentThan(base)) << d.toString();
+    EXPECT_FALSE(base.moreRecentThan(d)) << d.toString();
+  }
+  EXPECT_FALSE(base.moreRecentThan(base));
+}
+
+TEST(DblockTest, ResetReplaceApply) {
+  PaxosDblockSummary s;
+  s.seq = 8;
+  s.mbal = {7, 3};
+  s.bal = {6, 2};
+  s.inp = ProposedUpdate(UpdateId(2, 2, 2));
+  s.leaderChallengeVersion = 5;
+  s.committed.leaderVersion = 4;
+  Dblock b;
+  b.replace(s);
+  EXPECT_EQ(b.mbal, BallotNumber(7, 0));
+  EXPECT_EQ(b.bal, s.bal);
+  EXPECT_EQ(b.inp, s.inp);
+  EXPECT_EQ(b.seq, 8);
+  EXPECT_EQ(b.leaderChallengeVersion, 5);
+
+  // leaderVersion 4 does not exceed the challenge 5: kept.
+  Dblock r = Block(1, {9, 9}, {9, 9}, true, 2);
+  r.reset(s);
+  EXPECT_EQ(r.leaderChallengeVersion, 5);
+  EXPECT_EQ(r.seq, 8);
+  EXPECT_EQ(r.mbal, BallotNumber());
+  EXPECT_EQ(r.inp.type, ProposedUpdate::noUpdate);
+  s.committed.leaderVersion = 6;
+  r.reset(s);
+  EXPECT_EQ(r.leaderChallengeVersion, 0);
+
+  Dblock a = Block(4, {3, 1}, {2, 1}, false, 0);
+  a.inp = ProposedUpdate(UpdateId(1, 1, 1), ValueUpdate("k", "v"), 1);
+  a.applyInp();
+  EXPECT_EQ(a.seq, 5);
+  EXPECT_EQ(a.mbal, BallotNumber());
+  EXPECT_EQ(a.bal, BallotNumber());
+  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
+  EXPECT_EQ(a.committed.valueList["k"].value, "v");
+}
+
+TEST(PaxosDblockSummaryTest, AddRules) {
+  struct Case {
+    const char* what;
+    Dblock b;
+    int seq;
+    BallotNumber mbal, bal;
+    bool hasInp;
+    int chall;
+  } cases[] = {
+      // The summary starts at seq 5, mbal (4.0), bal (3.0) with an input, chall 2.
+      {"up, no inp: bal cleared", Block(6, {1, 0}, {9, 0}, false, 1), 6, {1, 0}, {0, 0}, false, 2},
+      {"up, with inp", Block(6, {1, 0}, {1, 1}, true, 7), 6, {1, 0}, {1, 1}, true, 7},
+      {"same, lower mbal", Block(5, {1, 0}, {1, 0}, true, 9), 5, {4, 0}, {3, 0}, true, 9},
+      {"same, higher ballots", Block(5, {5, 0}, {4, 0}, true, 0), 5, {5, 0}, {4, 0}, true, 2},
+      {"same, higher bal no inp", Block(5, {1, 0}, {8, 0}, false, 0), 5, {4, 0}, {3, 0}, true, 2},
+      {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), 5, {4, 0}, {3, 0}, true, 3},
+  };
+  for (auto& c : cases) {
+    PaxosDblockSummary s;
+    s.seq = 5;
+    s.mbal = {4, 0};
+    s.bal = {3, 0};
+    s.inp = ProposedUpdate(UpdateId(2, 2, 2));
+    s.leaderChallengeVersion = 2;
+    c.b.inp.uid = UpdateId(3, 3, 3);
+    s.add(c.b, 1);
+    EXPECT_EQ(s.seq, c.seq) << c.what;
+    EXPECT_EQ(s.mbal, c.mbal) << c.what;
+    EXPECT_EQ(s.bal, c.bal) << c.what;
+    EXPECT_EQ(s.inp.type != ProposedUpdate::noUpdate, c.hasInp) << c.what;
+    EXPECT_EQ(s.leaderChallengeVersion, c.chall) << c.what;
+  }
+}
+
+TEST(PaxosDblockSummaryTest, MergeTakesBalRegardlessOfInput) {
+  PaxosDblockSummary a, b;
+  a.seq = b.seq = 5;
+  a.bal = {1, 0};
+  a.inp = ProposedUpdate(UpdateId(1, 1, 1));
+  b.bal = {2, 0};  // empty input, higher bal
+  b.leaderChallengeVersion = 4;
+  a.merge(b);
+  EXPECT_EQ(a.bal, BallotNumber(2, 0));
+  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
+  EXPECT_EQ(a.leaderChallengeVersion, 4);
+}
+
+TEST(PaxosDblockSummaryTest, CommitMismatchAsserts) {
+  PaxosDblockSummary s;
+  s.seq = 3;
+  Dblock b = Block(3, {0, 0}, {0, 0}, false, 0);
+  b.committed.cfgVersion = 1;
+  EXPECT_DEATH(s.add(b, 7),
+               "assertion 'committed == b.committed' failed\ncommit mismatch disk 7\n"
+               "c1=<config ver 1: .*\nc2=<config ver 0: ");
+  PaxosDblockSummary t = s;
+  t.committed.cfgVersion = 1;
+  EXPECT_DEATH(s.merge(t), "'committed == s.committed' failed\nc1=<config ver 0");
+}
+
+TEST(PaxosFileDataTest, FormatVersions) {
+  PaxosFileData f;
+  f.epoch = 2;
+  f.slotAssignmentVersion = 3;
+  f.summary.seq = 1;
+  std::string sum = std::string(" 00 00 00 00 00 00 00 00 00 00 00 ") + kFresh;
+  EXPECT_EQ(f.summary.toString(),
+            "<seq=1 mbal=(0.0) bal=(0.0) inp=((n0,e0),0):(none):-1:None chal=0 committed=" +
+                CommittedState().toString() + ">");
+  EXPECT_EQ(f.toString(), "epoch=2 saVer=3 summary=" + f.summary.toString());
+  EXPECT_EQ(f.toShortString(), "<epoch=2 seq=1");
+  for (int fmt : {0, 1}) {
+    SCOPED_TRACE(fmt);
+    std::string b(static_cast<size_t>(f.getSize(fmt)), '\0');
+    ASSERT_EQ(f.dump(&b[0], fmt), &b[0] + b.size());
+    EXPECT_EQ(Hex(b), (fmt == 0 ? std::string("02 01") : std::string("02 03 01")) + sum);
+    PaxosFileData back;
+    back.slotAssignmentVersion = 77;
+    auto load = [fmt](PaxosFileData* d, const char* p, const char* e) {
+      return d->load(p, e, fmt);
+    };
+    EXPECT_EQ(LoadPrefix(&back, b, b.size(), load), static_cast<long>(b.size()));
+    EXPECT_EQ(back.slotAssignmentVersion, fmt == 0 ? 77 : 3);
+    EXPECT_EQ(back.summary, f.summary);
+  }
+}
+
+}  // namespace

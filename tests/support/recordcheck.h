@@ -1,0 +1,60 @@
+// Helpers for record encoding tests: hex rendering, encoding at the exact
+// size, and the truncation sweep.
+#ifndef TESTS_SUPPORT_RECORDCHECK_H
+#define TESTS_SUPPORT_RECORDCHECK_H
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+// "01 0A FF"
+inline std::string Hex(const std::string& b) {
+  std::string s;
+  char t[4];
+  for (unsigned char c : b) {
+    snprintf(t, sizeof t, "%02X", c);
+    if (!s.empty()) s += ' ';
+    s += t;
+  }
+  return s;
+}
+
+// dump into a buffer of exactly getSize() bytes, checking the end pointer.
+template <typename R>
+std::string Encode(const R& r) {
+  std::string s(static_cast<size_t>(r.getSize()), '\0');
+  char* e = r.dump(&s[0]);
+  EXPECT_EQ(e - &s[0], static_cast<long>(s.size()));
+  return s;
+}
+
+// Loads from a heap copy sized exactly n, so a read past the end is caught by
+// AddressSanitizer. Returns the consumed length, or -1 for null.
+template <typename R, typename LoadFn>
+long LoadPrefix(R* r, const std::string& bytes, size_t n, LoadFn load) {
+  std::unique_ptr<char[]> buf(new char[n == 0 ? 1 : n]);
+  std::copy(bytes.begin(), bytes.begin() + static_cast<long>(n), buf.get());
+  const char* e = load(r, buf.get(), buf.get() + n);
+  return e == nullptr ? -1 : e - buf.get();
+}
+
+template <typename R>
+long LoadPrefix(R* r, const std::string& bytes, size_t n) {
+  return LoadPrefix(r, bytes, n,
+                    [](R* x, const char* p, const char* end) { return x->load(p, end); });
+}
+
+// Every proper prefix loads to null; the whole input loads completely.
+template <typename R>
+void ExpectTruncationsFail(const std::string& bytes) {
+  for (size_t n = 0; n < bytes.size(); n++) {
+    R r;
+    EXPECT_EQ(LoadPrefix(&r, bytes, n), -1) << "prefix " << n << " of " << Hex(bytes);
+  }
+  R r;
+  EXPECT_EQ(LoadPrefix(&r, bytes, bytes.size()), static_cast<long>(bytes.size()));
+}
+
+#endif  // TESTS_SUPPORT_RECORDCHECK_H
