@@ -3,7 +3,6 @@
 // authenticates incoming connections with a key pair of its own.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
