@@ -100,6 +100,11 @@ int ShowCommand(const ZelSettings& s, const ZelArgs& args);
 int ReadPaxosCommand(const ZelSettings& s, const ZelArgs& args);
 int QuitCommand(const ZelSettings& s, const ZelArgs& args);
 
+// Asks every node, in order, to reload its authentication configuration. Each
+// failure is reported on stderr; all nodes are asked. The first failure's
+// error, or 0 (also for an empty set).
+int refreshAuth(const Nodes& nodes);
+
 // Provided by the client and security units.
 int PaxosInit();
 int InitSecurity();

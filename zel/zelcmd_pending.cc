@@ -31,11 +31,6 @@ int InitCommand(const ZelSettings& s, const ZelArgs&) {
 }
 
 // Not yet available.
-int AuthCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
 int LsNodesCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
 }

@@ -328,17 +328,19 @@ bool FakeServer::sendAnswer(int fd) {
   return sendAll(fd, ans + chain);
 }
 
-bool FakeServer::recvMsg(int fd, int connNo, bool* first, int* type, std::string* body) {
+bool FakeServer::recvMsg(int fd, int connNo, ConnState* st, int* type, std::string* body) {
   char hdr[8];
   if (!recvAll(fd, hdr, sizeof hdr)) return false;
   unsigned int len = 0;
   LoadUInt32(hdr, hdr + 8, &len);
   int code = (static_cast<unsigned char>(hdr[4]) << 8) | static_cast<unsigned char>(hdr[5]);
   *type = code - kMsgCodeBias;
-  if (*first && opt_.authenticateIncoming != nullptr && msgAuthRequired(*type)) {
+  if (st->first && !st->authenticated && opt_.authenticateIncoming != nullptr &&
+      msgAuthRequired(*type)) {
     if (opt_.authenticateIncoming(fd) != 0) return false;
+    st->authenticated = true;
   }
-  *first = false;
+  st->first = false;
   if (len > kMaxFakeBody) {
     fail("message body too long: " + std::to_string(len));
     return false;
@@ -367,12 +369,13 @@ bool FakeServer::runActions(int fd, int connNo, const std::vector<Action>& acts)
       }
       case Action::kRecvFile: {
         FakeFile f;
-        bool first = false;
+        ConnState st;
+        st.first = false;
         unsigned int crc = 0;
         for (;;) {
           int type = 0;
           std::string body;
-          if (!recvMsg(fd, connNo, &first, &type, &body)) {
+          if (!recvMsg(fd, connNo, &st, &type, &body)) {
             fail("connection lost during file reception");
             return false;
           }
@@ -431,11 +434,11 @@ void FakeServer::serveConn(int fd, int connNo) {
     busy_ = false;
     cv_.notify_all();
   }
-  bool first = true;
+  ConnState st;
   while (keep && !stop_) {
     int type = 0;
     std::string body;
-    if (!recvMsg(fd, connNo, &first, &type, &body)) return;
+    if (!recvMsg(fd, connNo, &st, &type, &body)) return;
     bool autoEor = false;
     std::string err;
     acts.clear();
@@ -468,6 +471,7 @@ void FakeServer::serveConn(int fd, int connNo) {
       return;
     }
     if (autoEor) {
+      st.first = true;
       keep = sendAll(fd, header8(REPLY_TYPE_EOR, 0));
       continue;
     }

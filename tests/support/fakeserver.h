@@ -73,7 +73,9 @@ class FakeServer {
     std::string rawAnswer;  // non-empty: sent instead of the built answer
     bool autoEor = true;
     // Run between the header and the body of a connection's first message
-    // that needs authentication; non-zero closes the connection.
+    // that needs authentication, once per connection; non-zero closes the
+    // connection. After an "eor" exchange the next message counts as a first
+    // one again (the client took the connection back from its cache).
     int (*authenticateIncoming)(int sock) = nullptr;
     int drainMs = 3000;  // how long teardown waits for the script to finish
   };
@@ -147,7 +149,11 @@ class FakeServer {
   bool readGreeting(int fd);
   bool sendAnswer(int fd);
   bool runActions(int fd, int connNo, const std::vector<Action>& acts);
-  bool recvMsg(int fd, int connNo, bool* first, int* type, std::string* body);
+  struct ConnState {
+    bool first = true;
+    bool authenticated = false;
+  };
+  bool recvMsg(int fd, int connNo, ConnState* st, int* type, std::string* body);
   bool recvAll(int fd, char* buf, size_t len);
   bool sendAll(int fd, const std::string& bytes);
   void fail(const std::string& what);

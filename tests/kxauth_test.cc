@@ -1,0 +1,247 @@
+// Peer authentication on real connections: keys made at run time, the real
+// security state installed into the connection layer, and a fake server that
+// authenticates incoming connections with a key pair of its own.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/fakeserver.h"
+#include "support/seckeys.h"
+#include "support/testutil.h"
+#include "zel/cachedcomm.h"
+#include "zel/kxcomm.h"
+#include "zel/kxsec.h"
+#include "zel/zelerr.h"
+#include "zel/zelfiles.h"
+#include "zel/zelmsg.h"
+
+namespace {
+
+// kc is the client's pair, ks the fake server's.
+struct Keys {
+  TempDir dir;
+  TestKey kc, ks;
+  bool ok = false;
+  Keys() { ok = MakeTestKey(dir.path(), "kc", &kc) && MakeTestKey(dir.path(), "ks", &ks); }
+};
+
+const Keys& SharedKeys() {
+  static Keys* keys = new Keys;
+  return *keys;
+}
+
+// The fake server's side: its own transport holding ks; it checks the client's
+// key against the process's authorized-keys list under the client's
+// generation (1), as a server reading the same file would.
+SecTransport* serverSec = nullptr;
+std::mutex serverMu;
+std::vector<int> serverResults;
+
+int ServerAuth(int sock) {
+  tls::SSL_CTX* ctx = serverSec->getContext(1);
+  int rc = E_AUTH_FAILED;
+  if (ctx != nullptr) {
+    SecSession session(tls::Get(), ctx, sock);
+    rc = session.accept();
+    if (rc == 0) {
+      std::string der, id;
+      bool listed =
+          session.peerPublicKey(&der) == 0 && SecKeyId(der, &id) == 0 && isAuthorizedKey(id, 1);
+      if (!listed) rc = E_AUTH_FAILED;
+    }
+    int closeRc = session.close();
+    if (rc == 0) rc = closeRc;
+    serverSec->releaseContext(ctx);
+  }
+  std::lock_guard<std::mutex> g(serverMu);
+  serverResults.push_back(rc);
+  return rc;
+}
+
+std::vector<int> ServerResults() {
+  std::lock_guard<std::mutex> g(serverMu);
+  return serverResults;
+}
+
+std::string Entry(const std::string& name, const TestKey& k) {
+  return "clusterName=" + name + "\ncipherList=AUTHONLY\ncommittedKeyGenNumber=1\n" +
+         "committedPublicKey=\n" + k.pubPem;
+}
+
+class KxAuthTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why = SecTestSkipReason();
+    if (!why.empty()) GTEST_SKIP() << why;
+    ASSERT_TRUE(SharedKeys().ok);
+    k_ = &SharedKeys();
+    paths_.keys = {k_->kc.keyPath, k_->kc.certPath, "", ""};
+    paths_.authKeysPath = dir_.file("authorized_zel_keys");
+    oldTimeout_ = SecSetTimeoutMs(5000);
+    KxSetTransferTimeouts(5000, 5000);
+    outConnectionCache.clear();
+    zelClusterId = 0;
+    serverSec = new SecTransport;
+    ASSERT_EQ(0, serverSec->loadLibrary());
+    ASSERT_EQ(0, serverSec->loadKeys({k_->ks.keyPath, k_->ks.certPath, "", ""}));
+    serverSec->bindGenerations(1, -1);
+    std::lock_guard<std::mutex> g(serverMu);
+    serverResults.clear();
+  }
+  void TearDown() override {
+    outConnectionCache.clear();
+    ShutdownSecurity();
+    SetKxSecurity(KxSecurity());
+    delete serverSec;
+    serverSec = nullptr;
+    if (oldTimeout_ > 0) SecSetTimeoutMs(oldTimeout_);
+  }
+  // Both keys listed: each end accepts the other.
+  int InitBoth() {
+    WriteFile(paths_.authKeysPath, Entry("home.cl", k_->kc) + Entry("srv.cl", k_->ks));
+    return InitSecurityAt(paths_);
+  }
+  static FakeServer::Options ServerOpts() {
+    FakeServer::Options o;
+    o.record6 = true;
+    o.keyGenNumber = 1;
+    o.authenticateIncoming = ServerAuth;
+    return o;
+  }
+  static int Request(const FakeServer& srv, int type, const std::string& body) {
+    int rtype = 0, rlen = 0;
+    char* rbody = nullptr;
+    int rc = SendReceive(srv.addr(), type, body.data(), static_cast<int>(body.size()), &rtype,
+                         &rbody, &rlen, 3000);
+    delete[] rbody;
+    return rc;
+  }
+
+  const Keys* k_ = nullptr;
+  TempDir dir_;
+  SecPaths paths_;
+  int oldTimeout_ = 0;
+};
+
+// A connection the test owns.
+struct Conn {
+  Connection* c = nullptr;
+  ~Conn() { delete c; }
+};
+
+TEST_F(KxAuthTest, WithoutTheFileTheWireIsUnchanged) {
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(0, InitSecurityAt(paths_));  // no authorized-keys file
+  testing::internal::GetCapturedStderr();
+  ASSERT_FALSE(GetKxSecurity().ready);
+  FakeServer srv;  // would take any exchange bytes for the body
+  srv.expect(MSG_TYPE_VPUT, "name").reply(MSG_TYPE_OK);
+  EXPECT_EQ(0, Request(srv, MSG_TYPE_VPUT, "name"));
+  ASSERT_TRUE(srv.waitDone(3000));
+  auto g = srv.greetings();
+  ASSERT_EQ(1u, g.size());
+  EXPECT_EQ(64u, g[0].raw.size());
+  EXPECT_FALSE(g[0].hasRecord6);
+}
+
+TEST_F(KxAuthTest, ReadyGreetingCarriesGenerationAndClusterName) {
+  ASSERT_EQ(0, InitBoth());
+  FakeServer srv(ServerOpts());
+  srv.expect(MSG_TYPE_STATUS).reply(MSG_TYPE_OK);
+  EXPECT_EQ(0, Request(srv, MSG_TYPE_STATUS, ""));
+  auto g = srv.greetings();
+  ASSERT_EQ(1u, g.size());
+  EXPECT_TRUE(g[0].hasRecord6);
+  EXPECT_EQ(1, g[0].keyGenNumber);
+  EXPECT_EQ("home.cl", g[0].clusterName);
+  EXPECT_EQ(64u + 20u, g[0].raw.size());  // (7 + 16) rounded down to a multiple of 4
+  EXPECT_TRUE(ServerResults().empty());
+}
+
+TEST_F(KxAuthTest, ExchangeOnlyWhenTheFirstMessageNeedsIt) {
+  ASSERT_EQ(0, InitBoth());
+  struct Case {
+    int first;
+    size_t exchanges;
+  } cases[] = {
+      {MSG_TYPE_VGET, 0}, {MSG_TYPE_FGET, 0}, {MSG_TYPE_STATUS, 0},
+      {MSG_TYPE_VPUT, 1}, {MSG_TYPE_FPUT, 1}, {MSG_TYPE_INIT, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(msgName(c.first));
+    {
+      std::lock_guard<std::mutex> g(serverMu);
+      serverResults.clear();
+    }
+    FakeServer srv(ServerOpts());
+    // The body of each message must arrive intact after the exchange.
+    srv.expect(c.first, "one").expect(MSG_TYPE_VPUT, "two").expect(MSG_TYPE_FPUT, "three");
+    Conn k;
+    ASSERT_EQ(0, connectTo(srv.addr(), &k.c, 3000));
+    EXPECT_EQ(0, k.c->send(c.first, "one", 3));
+    EXPECT_EQ(0, k.c->send(MSG_TYPE_VPUT, "two", 3));
+    EXPECT_EQ(0, k.c->send(MSG_TYPE_FPUT, "three", 5));
+    EXPECT_EQ(c.exchanges == 1, k.c->isAuthenticated());
+    ASSERT_TRUE(srv.waitDone(3000));
+    EXPECT_EQ(std::vector<int>(c.exchanges, 0), ServerResults());
+  }
+}
+
+TEST_F(KxAuthTest, ConnectionFromTheCacheCountsAsNew) {
+  ASSERT_EQ(0, InitBoth());
+  FakeServer srv(ServerOpts());
+  srv.expect(MSG_TYPE_VGET, "a").reply(MSG_TYPE_OK);
+  srv.expect(MSG_TYPE_VPUT, "b").reply(MSG_TYPE_OK);
+  srv.expect(MSG_TYPE_VPUT, "c").reply(MSG_TYPE_OK);
+  EXPECT_EQ(0, Request(srv, MSG_TYPE_VGET, "a"));
+  EXPECT_TRUE(ServerResults().empty());
+  // Taken back from the cache, its first message is vput: the exchange runs.
+  EXPECT_EQ(0, Request(srv, MSG_TYPE_VPUT, "b"));
+  EXPECT_EQ(std::vector<int>{0}, ServerResults());
+  // Still authenticated the next time: no second exchange.
+  EXPECT_EQ(0, Request(srv, MSG_TYPE_VPUT, "c"));
+  EXPECT_EQ(std::vector<int>{0}, ServerResults());
+  EXPECT_EQ(1, srv.connections());
+  ASSERT_EQ(1u, outConnectionCache.size());
+}
+
+TEST_F(KxAuthTest, UnlistedClientKeyFailsTheRequest) {
+  // Only the server's key is listed: the client accepts the server, the server
+  // refuses the client and drops the connection before reading the body.
+  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->ks));
+  ASSERT_EQ(0, InitSecurityAt(paths_));
+  FakeServer::Options o = ServerOpts();
+  o.drainMs = 0;
+  FakeServer srv(o);
+  int rc = Request(srv, MSG_TYPE_VPUT, "name");
+  EXPECT_TRUE(rc == E_CONN_SHUTDOWN || rc == ECONNRESET || rc == EPIPE) << rc;
+  EXPECT_EQ(std::vector<int>{E_AUTH_FAILED}, ServerResults());
+  EXPECT_TRUE(srv.messages().empty());
+  EXPECT_EQ(0u, outConnectionCache.size());
+}
+
+TEST_F(KxAuthTest, UnlistedServerKeyIs703OnTheClient) {
+  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->kc));
+  ASSERT_EQ(0, InitSecurityAt(paths_));
+  FakeServer::Options o = ServerOpts();
+  o.drainMs = 0;
+  FakeServer srv(o);
+  EXPECT_EQ(E_AUTH_FAILED, Request(srv, MSG_TYPE_VPUT, "name"));
+  EXPECT_TRUE(srv.messages().empty());
+  EXPECT_EQ(0u, outConnectionCache.size());
+}
+
+TEST_F(KxAuthTest, ServerWithoutGenerationIs720) {
+  ASSERT_EQ(0, InitBoth());
+  FakeServer::Options o = ServerOpts();
+  o.record6 = false;
+  o.authenticateIncoming = nullptr;
+  o.drainMs = 0;
+  FakeServer srv(o);
+  EXPECT_EQ(E_AUTH_PARAMS, Request(srv, MSG_TYPE_VPUT, "name"));
+  EXPECT_TRUE(srv.messages().empty());
+}
+
+}  // namespace
