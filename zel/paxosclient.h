@@ -48,8 +48,9 @@ struct ZelReplyResult {
 // Receives one reply on conn (generic handling included) and decodes it into
 // *result. Returns 0, the error a reply carries, or the receive error; 818 (and
 // conn marked broken) for a body that does not decode completely or a type that
-// is not a repository reply. Switches retry (may be null) off when the request
-// is complete or must not be retried. Hands decoded 50/51/53 states to the cache.
+// is not a repository reply, in which case only result->type is set. Switches
+// retry (may be null) off when the request is complete or must not be retried.
+// Hands decoded 50/51/53 states to the cache. The body is always freed.
 int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result);
 
 // Stores a server's committed state in the local state file when it is newer
