@@ -20,6 +20,20 @@ std::string Enc(const R& r) {
   return s;
 }
 
+std::string V(long long v, int bias) {
+  char b[MaxSizeVarUInt];
+  return std::string(b, DumpVarUInt(b, v, bias));
+}
+
+// A message header (length, type + 512, two reserved bytes) and the body.
+std::string Msg(int type, const std::string& body) {
+  char h[8] = {};
+  DumpUInt32(h, static_cast<unsigned int>(body.size()));
+  h[4] = static_cast<char>((type + 512) >> 8);
+  h[5] = static_cast<char>(type + 512);
+  return std::string(h, 8) + body;
+}
+
 void Put(const std::string& target, const std::string& name, const std::string& bytes) {
   std::string d = dir + "/" + target;
   mkdir(d.c_str(), 0755);
@@ -111,5 +125,19 @@ int main(int argc, char** argv) {
     h.setCRC(&buf[0], size);
     Put("paxosfile_fuzz", "fmt" + std::to_string(fmt), buf);
   }
+
+  // Repository replies (first byte 3: no greeting, decode as replies).
+  std::string st = Enc(s);
+  FileIdMap ids;
+  ids[1] = FileItem{"zel.nodes", "", 0};
+  std::string uid = Enc(UpdateId(1, 2, 3));
+  std::string replies = std::string(1, '\3') + Msg(50, V(7, 0) + st) +
+                        Msg(53, V(7, 0) + st + Enc(ids)) + Msg(55, uid + "\1") +
+                        Msg(52, V(7, 0) + st + V(1, 0) + V(100, 0));
+  Put("serverreply_fuzz", "replies_ok", replies);
+  replies = std::string(1, '\3') + Msg(51, V(819, -1) + V(3, 0) + st) +
+            Msg(61, V(149, -1) + V(2, -1)) + Msg(62, V(3, 0) + st + "\1" + V(20, 0)) +
+            Msg(54, uid) + Msg(-1, V(806, -1));
+  Put("serverreply_fuzz", "replies_errors", replies);
   return 0;
 }

@@ -1,6 +1,7 @@
 // Arbitrary bytes as a server's reply stream: the greeting answer (unless the
 // first byte's low bit says to skip it) and then messages, read by the client's
-// receive and ReceiveErrCheck over a socket pair.
+// receive and ReceiveErrCheck over a socket pair, or (the first byte's second
+// bit) decoded as repository replies by ReceiveZELReply.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,14 +11,19 @@
 #include <cstdio>
 
 #include "zel/kxcomm.h"
+#include "zel/paxosclient.h"
 
 namespace {
 
 constexpr size_t kMaxInput = 65536;
 constexpr int kMaxMessages = 64;
 
+// Decoded states stay in memory: nothing is stored or fetched.
+void NoCacheUpdate(int, const CommittedState&, unsigned long long) {}
+
 bool Init() {
   KxSetTransferTimeouts(200, 200);
+  SetClientCacheFnForTest(NoCacheUpdate);
   FILE* devnull = fopen("/dev/null", "w");
   KxSetForwardStreams(devnull, devnull);
   return true;
@@ -30,6 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)initialised;
   if (size == 0) return 0;
   bool skipGreeting = data[0] & 1;
+  bool decodeReplies = data[0] & 2;
   data++;
   size = std::min(size - 1, kMaxInput);
 
@@ -53,7 +60,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (rc == 0) {
     ConnImplementation conn(fds[0], info, CommAddr());
+    ClientRetry retry("fuzz");
     for (int i = 0; i < kMaxMessages && !conn.isBroken(); i++) {
+      if (decodeReplies) {
+        ZelReplyResult r;
+        ReceiveZELReply(&conn, &retry, &r);
+        continue;
+      }
       int type = 0, len = 0;
       char* body = nullptr;
       ReceiveErrCheck(&conn, &type, &body, &len);

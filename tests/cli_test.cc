@@ -80,7 +80,6 @@ TEST_F(CliTest, PendingHandlersRunAfterStartUp) {
        "",
        "No directory for disks specified" + NotAvailable("init")},
       {{"lsnodes"}, "", NotAvailable("lsnodes")},
-      {{"readpaxos", "/nonexistent"}, "", NotAvailable("readpaxos")},
       // clang-format on
   };
   for (const auto& c : cases) {

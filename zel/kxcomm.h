@@ -114,6 +114,8 @@ int wrapSocket(int sock, const SdrSecInfo& info, Connection** out);
 void SetSimulateNetworkDisconnectAddrs(bool on, const CommAddr& ownAddr,
                                        const CommAddr& localHostAddr);
 bool GetSimulateNetworkDisconnect();
+// The same with this node's address (zelAddr) and "localhost", both at zelPort.
+void setSimulateNetworkDisconnect(bool on);
 
 // Connects, sends one request and receives its reply with ReceiveErrCheck; the
 // connection then goes to the outgoing cache or is destroyed. The reply body
@@ -122,5 +124,11 @@ int SendReceive(const CommAddr& addr, int type, const char* body, int length, in
                 char** replyBody, int* replyLength, int timeoutMs);
 int SendReceive(const std::string& host, int port, int type, const char* body, int length,
                 int* replyType, char** replyBody, int* replyLength, int timeoutMs);
+
+// By node id through the local node map: 22 for an id not in it, the address
+// conversion's error for a host that does not resolve.
+int connectTo(int nodeId, Connection** out, int timeoutMs);
+int SendReceive(int nodeId, int type, const char* body, int length, int* replyType,
+                char** replyBody, int* replyLength, int timeoutMs);
 
 #endif  // ZEL_KXCOMM_H

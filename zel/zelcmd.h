@@ -109,6 +109,11 @@ int refreshAuth(const Nodes& nodes);
 int PaxosInit();
 int InitSecurity();
 
+class CommittedState;
+// Prints the state's configuration, leader, applied updates, values and files
+// on standard output.
+void printCommittedState(const CommittedState& committed);
+
 // ---- Node and disk list arguments ----
 
 // Fills nodes from the items, checking them against the local lists. Every bad

@@ -1,0 +1,145 @@
+#include "zel/zelpaxosfile.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <tuple>
+
+#include "support/testutil.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelfiles.h"
+#include "zel/zelutils.h"
+
+namespace {
+
+CommittedState SampleState() {
+  CommittedState s;
+  s.cfgVersion = 3;
+  s.valueList["a"] = ValueVersion{4, "x"};
+  s.fileList[1] = FileVersion(6, UpdateId(1, 2, 3), 0xDEADBEEF);
+  return s;
+}
+
+class PaxosFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetZELIOForTest();
+    zelClusterId = 0;
+    zelPaxosLFDClientPath = dir_.file("zel.paxos");
+  }
+  void TearDown() override {
+    ResetZELIOForTest();
+    zelClusterId = 0;
+  }
+  const std::string& path() const { return zelPaxosLFDClientPath; }
+
+  TempDir dir_;
+};
+
+TEST_F(PaxosFileTest, StoreReplacesAtomically) {
+  zelClusterId = 77;
+  zelNodeId = 3;
+  CommittedState s = SampleState();
+  ASSERT_EQ(storePFDToFile(5, s), 0);
+  s.cfgVersion = 4;
+  ASSERT_EQ(storePFDToFile(6, s), 0);
+  EXPECT_EQ(ListDir(dir_.path()), std::vector<std::string>{"zel.paxos"});
+  PaxosFileData pfd;
+  PaxosHeader h;
+  ASSERT_EQ(pfd.loadFromFile(path(), &h), 0);
+  EXPECT_EQ(std::make_tuple(h.fmtVersion, h.cid, h.lastWriterId), std::make_tuple(1u, 77ull, 3));
+  EXPECT_EQ(h.len, ReadFile(path()).size());
+
+  // A failed store (the temporary name is taken by a directory) keeps the file.
+  const std::string before = ReadFile(path());
+  ASSERT_EQ(mkdir(tmpFileName(path()).c_str(), 0755), 0);
+  EXPECT_EQ(storePFDToFile(7, CommittedState()), EISDIR);
+  EXPECT_EQ(ReadFile(path()), before);
+  int seq = -1;
+  CommittedState back;
+  ASSERT_EQ(loadPFDFromFile(&seq, &back), 0);
+  EXPECT_EQ(seq, 6);
+  EXPECT_EQ(back, s);
+}
+
+TEST_F(PaxosFileTest, ClusterIdCheck) {
+  struct {
+    unsigned long long fileCid, knownCid;
+    int want;
+    unsigned long long knownAfter;
+  } cases[] = {
+      {9, 0, 0, 9},                 // the first file read sets the cluster id
+      {9, 9, 0, 9},                 // same cluster
+      {9, 8, E_BAD_PAXOS_DATA, 8},  // another cluster, although the file decodes
+      {0, 8, 0, 8},                 // a file without cluster id is accepted
+  };
+  for (const auto& c : cases) {
+    zelClusterId = c.fileCid;
+    ASSERT_EQ(storePFDToFile(2, SampleState()), 0);
+    zelClusterId = c.knownCid;
+    int seq = -1;
+    CommittedState back;
+    EXPECT_EQ(loadPFDFromFile(&seq, &back), c.want) << c.fileCid << " " << c.knownCid;
+    EXPECT_EQ(seq, c.want == 0 ? 2 : -1);
+    EXPECT_EQ(zelClusterId, c.knownAfter);
+  }
+}
+
+TEST_F(PaxosFileTest, DamagedFilesFailWith214) {
+  zelClusterId = 5;
+  ASSERT_EQ(storePFDToFile(4, SampleState()), 0);
+  const std::string good = ReadFile(path());
+
+  // Every truncation, the empty file included.
+  for (size_t n = 0; n < good.size(); n++) {
+    WriteFile(path(), good.substr(0, n));
+    zelClusterId = 5;
+    int seq = -1;
+    CommittedState back;
+    EXPECT_EQ(loadPFDFromFile(&seq, &back), E_BAD_PAXOS_DATA) << "length " << n;
+    EXPECT_EQ(seq, -1);
+  }
+  struct {
+    size_t pos;
+    const char* what;
+  } flips[] = {{0, "magic"}, {5, "crc"}, {good.size() - 1, "last body byte"}};
+  for (const auto& f : flips) {
+    std::string bad = good;
+    bad[f.pos] = static_cast<char>(bad[f.pos] ^ 0x40);
+    WriteFile(path(), bad);
+    zelClusterId = 5;
+    PaxosFileData pfd;
+    EXPECT_EQ(pfd.loadFromFile(path()), E_BAD_PAXOS_DATA) << f.what;
+  }
+  PaxosFileData pfd;
+  EXPECT_EQ(pfd.loadFromFile(dir_.file("absent")), ENOENT);
+  EXPECT_EQ(pfd.loadFromFile(dir_.path()), EISDIR);
+}
+
+TEST_F(PaxosFileTest, CommittedFilePathForms) {
+  zelCommittedDir = "/repo/committed";
+  EXPECT_EQ(committedFilePath("zel.nodes", 1, 3, 0x2a, UpdateId(10, 11, 12)),
+            "/repo/committed/zel.nodes.1.3.2a.0a0b0c");
+  EXPECT_EQ(committedFilePath("f", 4, 0, 255, UpdateId(1, 2, 3)),
+            "/repo/committed/f.4.0.ff.010203");
+  EXPECT_EQ(committedFilePath("f", -2, -1, 0xFFFFFFFF, UpdateId()),
+            "/repo/committed/f.-2.-1.ffffffff.000000");
+
+  ProposedUpdate fu(UpdateId(1, 2, 3), FileUpdate("data", 4, 9, 0x100), 0);
+  EXPECT_EQ(committedFilePath(fu), "/repo/committed/data.4.0.100.010203");
+
+  CommittedState s = SampleState();
+  EXPECT_EQ(committedFilePath("zel.nodes", 1, s), "/repo/committed/zel.nodes.1.6.deadbeef.010203");
+  EXPECT_EQ(committedFilePath("zel.disks", 2, s), "");
+}
+
+TEST(PaxosFileDeathTest, CommittedFilePathOfAnotherUpdateKind) {
+  ProposedUpdate vu(UpdateId(1, 2, 3), ValueUpdate("a", "b"), 1);
+  EXPECT_DEATH(committedFilePath(vu),
+               "zel/zelpaxosfile:[0-9]+: assertion 'inp.updateType == "
+               "ProposedUpdate::fileUpdate' failed");
+}
+
+}  // namespace
