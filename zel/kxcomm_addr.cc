@@ -41,12 +41,12 @@ int convertCommAddr(const std::string& host, int port, CommAddr* out) {
   return E_OK;
 }
 
-void splitHostPort(const std::string& text, std::string* host, int* port) {
+void splitHostPort(const std::string& text, std::string* host, int* port, int dflt) {
   size_t close = text.rfind(']');
   if (!text.empty() && text[0] == '[' && close != std::string::npos) {
     *host = text.substr(1, close - 1);
     if (close + 1 == text.size()) {
-      *port = kDefaultZelPort;
+      *port = dflt;
     } else if (text[close + 1] == ':') {
       *port = static_cast<int>(strtol(text.c_str() + text.rfind(':') + 1, nullptr, 10));
     } else {
@@ -57,7 +57,7 @@ void splitHostPort(const std::string& text, std::string* host, int* port) {
   size_t colon = text.rfind(':');
   if (colon == std::string::npos) {
     *host = text;
-    *port = kDefaultZelPort;
+    *port = dflt;
     return;
   }
   *host = text.substr(0, colon);

@@ -28,10 +28,11 @@ struct CommAddr {
 // an IPv4 address, the first IPv4 address is taken.
 int convertCommAddr(const std::string& host, int port, CommAddr* out);
 
-// "[h]" -> (h, 1191); "[h]:p" -> (h, p); "[h]x" -> (h, 0); "h" -> (h, 1191);
+// "[h]" -> (h, dflt); "[h]:p" -> (h, p); "[h]x" -> (h, 0); "h" -> (h, dflt);
 // otherwise split at the last ":" (so an unbracketed IPv6 address splits at its
 // last colon). Ports are read with strtol: non-numeric text reads as 0.
-void splitHostPort(const std::string& text, std::string* host, int* port);
+void splitHostPort(const std::string& text, std::string* host, int* port,
+                   int dflt = kDefaultZelPort);
 
 // What the connection greeting learnt about the peer.
 struct SdrSecInfo {

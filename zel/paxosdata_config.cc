@@ -3,7 +3,10 @@
 
 #include "zel/paxosdata_int.h"
 
+using paxosdata_internal::DumpRecordList;
+using paxosdata_internal::LoadRecordList;
 using paxosdata_internal::ReserveFor;
+using paxosdata_internal::SizeRecordList;
 
 int NodeDescriptor::getSize() const {
   int n = SizeVarUInt(id, 0) + SizeVarUInt(slot, -1) + 1;  // flags fit one byte
@@ -32,30 +35,15 @@ const char* NodeDescriptor::load(const char* p, const char* end) {
 }
 
 int NodeList::getSize() const {
-  int n = SizeVarUInt(static_cast<long long>(size()), 0);
-  for (const auto& d : *this) n += d.getSize();
-  return n;
+  return SizeRecordList(*this);
 }
 
 char* NodeList::dump(char* p) const {
-  p = DumpVarUInt(p, static_cast<long long>(size()), 0);
-  for (const auto& d : *this) p = d.dump(p);
-  return p;
+  return DumpRecordList(p, *this);
 }
 
 const char* NodeList::load(const char* p, const char* end) {
-  clear();
-  int count = 0;
-  p = LoadVarUInt(p, end, &count, 0);
-  if (p == nullptr) return nullptr;
-  reserve(ReserveFor(count, p, end, 3));
-  for (int i = 0; i < count; i++) {
-    NodeDescriptor d;
-    p = d.load(p, end);
-    if (p == nullptr) return nullptr;
-    push_back(d);
-  }
-  return p;
+  return LoadRecordList(p, end, this, 3);
 }
 
 const NodeDescriptor* NodeList::findNode(int id) const {

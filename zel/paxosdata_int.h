@@ -22,6 +22,38 @@ inline size_t ReserveFor(int count, const char* p, const char* end, int minEntry
   return static_cast<size_t>(std::min<long>(count, room));
 }
 
+// Record lists are a count (VarUInt, bias 0) followed by each record. A load
+// keeps the records decoded before a failure.
+template <class List>
+int SizeRecordList(const List& l) {
+  int n = SizeVarUInt(static_cast<long long>(l.size()), 0);
+  for (const auto& r : l) n += r.getSize();
+  return n;
+}
+
+template <class List>
+char* DumpRecordList(char* p, const List& l) {
+  p = DumpVarUInt(p, static_cast<long long>(l.size()), 0);
+  for (const auto& r : l) p = r.dump(p);
+  return p;
+}
+
+template <class List>
+const char* LoadRecordList(const char* p, const char* end, List* l, int minEntry) {
+  l->clear();
+  int count = 0;
+  p = LoadVarUInt(p, end, &count, 0);
+  if (p == nullptr) return nullptr;
+  l->reserve(ReserveFor(count, p, end, minEntry));
+  for (int i = 0; i < count; i++) {
+    typename List::value_type r;
+    p = r.load(p, end);
+    if (p == nullptr) return nullptr;
+    l->push_back(std::move(r));
+  }
+  return p;
+}
+
 }  // namespace paxosdata_internal
 
 #endif  // ZEL_PAXOSDATA_INT_H

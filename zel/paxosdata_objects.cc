@@ -5,7 +5,10 @@
 #include "zel/zelerr.h"
 #include "zel/zellock.h"
 
+using paxosdata_internal::DumpRecordList;
+using paxosdata_internal::LoadRecordList;
 using paxosdata_internal::ReserveFor;
+using paxosdata_internal::SizeRecordList;
 
 // ---- ValueList ----
 
@@ -221,30 +224,15 @@ std::ostream& operator<<(std::ostream& os, const ZelObjectInfo& o) {
 }
 
 int ZelObjectInfoList::getSize() const {
-  int n = SizeVarUInt(static_cast<long long>(size()), 0);
-  for (const auto& o : *this) n += o.getSize();
-  return n;
+  return SizeRecordList(*this);
 }
 
 char* ZelObjectInfoList::dump(char* p) const {
-  p = DumpVarUInt(p, static_cast<long long>(size()), 0);
-  for (const auto& o : *this) p = o.dump(p);
-  return p;
+  return DumpRecordList(p, *this);
 }
 
 const char* ZelObjectInfoList::load(const char* p, const char* end) {
-  clear();
-  int count = 0;
-  p = LoadVarUInt(p, end, &count, 0);
-  if (p == nullptr) return nullptr;
-  reserve(ReserveFor(count, p, end, 3));
-  for (int i = 0; i < count; i++) {
-    ZelObjectInfo o;
-    p = o.load(p, end);
-    if (p == nullptr) return nullptr;
-    push_back(std::move(o));
-  }
-  return p;
+  return LoadRecordList(p, end, this, 3);
 }
 
 std::ostream& operator<<(std::ostream& os, const ZelObjectInfoList& l) {

@@ -15,33 +15,6 @@ int itemDefaultPort() {
   return zelPort > 0 ? zelPort : static_cast<int>(defaultPort);
 }
 
-int portOf(const std::string& text, size_t colon) {
-  return static_cast<int>(strtol(text.c_str() + colon + 1, nullptr, 10));
-}
-
-void splitItem(const std::string& text, std::string* host, int* port) {
-  size_t close = text.rfind(']');
-  if (!text.empty() && text[0] == '[' && close != std::string::npos) {
-    *host = text.substr(1, close - 1);
-    if (close + 1 == text.size()) {
-      *port = itemDefaultPort();
-    } else if (text[close + 1] == ':') {
-      *port = portOf(text, text.rfind(':'));
-    } else {
-      *port = 0;
-    }
-    return;
-  }
-  size_t colon = text.rfind(':');
-  if (colon == std::string::npos) {
-    *host = text;
-    *port = itemDefaultPort();
-    return;
-  }
-  *host = text.substr(0, colon);
-  *port = portOf(text, colon);
-}
-
 int toId(const std::string& digits) {
   long long v = strtoll(digits.c_str(), nullptr, 10);
   return static_cast<int>(v);
@@ -106,7 +79,7 @@ int parseNodeList(const ZelArgs& items, Nodes* out, bool assignIds) {
         text = item.substr(pos + 1);
       }
       int port = 0;
-      splitItem(text, &host, &port);
+      splitHostPort(text, &host, &port, itemDefaultPort());
       if (host.empty()) {
         fprintf(stderr, "Missing host in '%s'\n", item.c_str());
         nBad++;
