@@ -4,19 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "support/recordcheck.h"
 #include "zel/paxosutils.h"
 
 namespace {
 
 std::string hex(const char* b, const char* e) {
-  std::string s;
-  char t[4];
-  for (const char* p = b; p < e; p++) {
-    snprintf(t, sizeof t, "%02X", static_cast<unsigned char>(*p));
-    if (!s.empty()) s += ' ';
-    s += t;
-  }
-  return s;
+  return Hex(std::string(b, e));
 }
 
 struct VarCase {
@@ -118,19 +112,6 @@ TEST(PrimitivesTest, UInt32AndStrings) {
   EXPECT_EQ(s, "keep");
   EXPECT_EQ(LoadString(buf, e, &s), e);
   EXPECT_EQ(s, "ab");
-}
-
-TEST(CrcTest, MatchesCksum) {
-  // Values printed by the cksum utility for the same bytes.
-  EXPECT_EQ(finalcrc(partialcrc(nullptr, 0, 0), 0), 0xFFFFFFFFu);
-  const char* abc = "abc";
-  EXPECT_EQ(finalcrc(partialcrc(reinterpret_cast<const unsigned char*>(abc), 3, 0), 3),
-            1219131554u);
-  const char* text = "123456789";
-  unsigned int c = partialcrc(reinterpret_cast<const unsigned char*>(text), 4, 0);
-  c = partialcrc(reinterpret_cast<const unsigned char*>(text) + 4, 5, c);
-  EXPECT_EQ(finalcrc(c, 9), 930766865u);
-  EXPECT_EQ(partialcrc(reinterpret_cast<const unsigned char*>(abc), 0, 0x1234u), 0x1234u);
 }
 
 }  // namespace
