@@ -125,70 +125,6 @@ class KxAuthTest : public ::testing::Test {
   int oldTimeout_ = 0;
 };
 
-// A connection the test owns.
-struct Conn {
-  Connection* c = nullptr;
-  ~Conn() { delete c; }
-};
-
-TEST_F(KxAuthTest, WithoutTheFileTheWireIsUnchanged) {
-  testing::internal::CaptureStderr();
-  ASSERT_EQ(0, InitSecurityAt(paths_));  // no authorized-keys file
-  testing::internal::GetCapturedStderr();
-  ASSERT_FALSE(GetKxSecurity().ready);
-  FakeServer srv;  // would take any exchange bytes for the body
-  srv.expect(MSG_TYPE_VPUT, "name").reply(MSG_TYPE_OK);
-  EXPECT_EQ(0, Request(srv, MSG_TYPE_VPUT, "name"));
-  ASSERT_TRUE(srv.waitDone(3000));
-  auto g = srv.greetings();
-  ASSERT_EQ(1u, g.size());
-  EXPECT_EQ(64u, g[0].raw.size());
-  EXPECT_FALSE(g[0].hasRecord6);
-}
-
-TEST_F(KxAuthTest, ReadyGreetingCarriesGenerationAndClusterName) {
-  ASSERT_EQ(0, InitBoth());
-  FakeServer srv(ServerOpts());
-  srv.expect(MSG_TYPE_STATUS).reply(MSG_TYPE_OK);
-  EXPECT_EQ(0, Request(srv, MSG_TYPE_STATUS, ""));
-  auto g = srv.greetings();
-  ASSERT_EQ(1u, g.size());
-  EXPECT_TRUE(g[0].hasRecord6);
-  EXPECT_EQ(1, g[0].keyGenNumber);
-  EXPECT_EQ("home.cl", g[0].clusterName);
-  EXPECT_EQ(64u + 20u, g[0].raw.size());  // (7 + 16) rounded down to a multiple of 4
-  EXPECT_TRUE(ServerResults().empty());
-}
-
-TEST_F(KxAuthTest, ExchangeOnlyWhenTheFirstMessageNeedsIt) {
-  ASSERT_EQ(0, InitBoth());
-  struct Case {
-    int first;
-    size_t exchanges;
-  } cases[] = {
-      {MSG_TYPE_VGET, 0}, {MSG_TYPE_FGET, 0}, {MSG_TYPE_STATUS, 0},
-      {MSG_TYPE_VPUT, 1}, {MSG_TYPE_FPUT, 1}, {MSG_TYPE_INIT, 1},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(msgName(c.first));
-    {
-      std::lock_guard<std::mutex> g(serverMu);
-      serverResults.clear();
-    }
-    FakeServer srv(ServerOpts());
-    // The body of each message must arrive intact after the exchange.
-    srv.expect(c.first, "one").expect(MSG_TYPE_VPUT, "two").expect(MSG_TYPE_FPUT, "three");
-    Conn k;
-    ASSERT_EQ(0, connectTo(srv.addr(), &k.c, 3000));
-    EXPECT_EQ(0, k.c->send(c.first, "one", 3));
-    EXPECT_EQ(0, k.c->send(MSG_TYPE_VPUT, "two", 3));
-    EXPECT_EQ(0, k.c->send(MSG_TYPE_FPUT, "three", 5));
-    EXPECT_EQ(c.exchanges == 1, k.c->isAuthenticated());
-    ASSERT_TRUE(srv.waitDone(3000));
-    EXPECT_EQ(std::vector<int>(c.exchanges, 0), ServerResults());
-  }
-}
-
 TEST_F(KxAuthTest, ConnectionFromTheCacheCountsAsNew) {
   ASSERT_EQ(0, InitBoth());
   FakeServer srv(ServerOpts());
@@ -205,43 +141,63 @@ TEST_F(KxAuthTest, ConnectionFromTheCacheCountsAsNew) {
   EXPECT_EQ(std::vector<int>{0}, ServerResults());
   EXPECT_EQ(1, srv.connections());
   ASSERT_EQ(1u, outConnectionCache.size());
+  // The installed security state is announced in the greeting.
+  auto g = srv.greetings();
+  ASSERT_EQ(1u, g.size());
+  EXPECT_TRUE(g[0].hasRecord6);
+  EXPECT_EQ(1, g[0].keyGenNumber);
+  EXPECT_EQ("home.cl", g[0].clusterName);
+  EXPECT_EQ(64u + 20u, g[0].raw.size());  // (7 + 16) rounded down to a multiple of 4
 }
 
-TEST_F(KxAuthTest, UnlistedClientKeyFailsTheRequest) {
-  // Only the server's key is listed: the client accepts the server, the server
-  // refuses the client and drops the connection before reading the body.
-  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->ks));
-  ASSERT_EQ(0, InitSecurityAt(paths_));
-  FakeServer::Options o = ServerOpts();
-  o.drainMs = 0;
-  FakeServer srv(o);
-  int rc = Request(srv, MSG_TYPE_VPUT, "name");
-  EXPECT_TRUE(rc == E_CONN_SHUTDOWN || rc == ECONNRESET || rc == EPIPE) << rc;
-  EXPECT_EQ(std::vector<int>{E_AUTH_FAILED}, ServerResults());
-  EXPECT_TRUE(srv.messages().empty());
-  EXPECT_EQ(0u, outConnectionCache.size());
-}
-
-TEST_F(KxAuthTest, UnlistedServerKeyIs703OnTheClient) {
-  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->kc));
-  ASSERT_EQ(0, InitSecurityAt(paths_));
-  FakeServer::Options o = ServerOpts();
-  o.drainMs = 0;
-  FakeServer srv(o);
-  EXPECT_EQ(E_AUTH_FAILED, Request(srv, MSG_TYPE_VPUT, "name"));
-  EXPECT_TRUE(srv.messages().empty());
-  EXPECT_EQ(0u, outConnectionCache.size());
-}
-
-TEST_F(KxAuthTest, ServerWithoutGenerationIs720) {
-  ASSERT_EQ(0, InitBoth());
-  FakeServer::Options o = ServerOpts();
-  o.record6 = false;
-  o.authenticateIncoming = nullptr;
-  o.drainMs = 0;
-  FakeServer srv(o);
-  EXPECT_EQ(E_AUTH_PARAMS, Request(srv, MSG_TYPE_VPUT, "name"));
-  EXPECT_TRUE(srv.messages().empty());
+// A refused exchange fails the request before the body is sent, and the
+// connection is not cached.
+TEST_F(KxAuthTest, RefusedExchanges) {
+  const int kDropped = -1;  // the server dropped the connection: 144, reset or pipe
+  struct Case {
+    const char* what;
+    std::string keys;
+    bool serverGen;
+    int rc;
+    std::vector<int> serverResults;  // {-1}: not checked
+  } cases[] = {
+      // Only the server's key is listed: the server refuses the client.
+      {"client key unlisted", Entry("home.cl", k_->ks), true, kDropped, {E_AUTH_FAILED}},
+      {"server key unlisted", Entry("home.cl", k_->kc), true, E_AUTH_FAILED, {-1}},
+      {"server sent no generation",
+       Entry("home.cl", k_->kc) + Entry("srv.cl", k_->ks),
+       false,
+       E_AUTH_PARAMS,
+       {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    {
+      std::lock_guard<std::mutex> g(serverMu);
+      serverResults.clear();
+    }
+    ShutdownSecurity();
+    WriteFile(paths_.authKeysPath, c.keys);
+    ASSERT_EQ(0, InitSecurityAt(paths_));
+    FakeServer::Options o = ServerOpts();
+    o.drainMs = 0;
+    if (!c.serverGen) {
+      o.record6 = false;
+      o.authenticateIncoming = nullptr;
+    }
+    FakeServer srv(o);
+    int rc = Request(srv, MSG_TYPE_VPUT, "name");
+    if (c.rc == kDropped) {
+      EXPECT_TRUE(rc == E_CONN_SHUTDOWN || rc == ECONNRESET || rc == EPIPE) << rc;
+    } else {
+      EXPECT_EQ(c.rc, rc);
+    }
+    if (c.serverResults != std::vector<int>{-1}) {
+      EXPECT_EQ(c.serverResults, ServerResults());
+    }
+    EXPECT_TRUE(srv.messages().empty());
+    EXPECT_EQ(0u, outConnectionCache.size());
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "platform/psock.h"
 #include "support/fakeserver.h"
@@ -41,16 +42,43 @@ struct Conn {
   ~Conn() { delete c; }
 };
 
+// One receive (or ReceiveErrCheck) with the body copied out and freed.
+struct Got {
+  int rc = -99, type = -99, len = -99;
+  bool nullBody = false;
+  std::string body;
+};
+Got Receive(Connection* c, bool errCheck = false) {
+  Got g;
+  char* body = nullptr;
+  g.rc = errCheck ? ReceiveErrCheck(c, &g.type, &body, &g.len) : c->receive(&g.type, &body, &g.len);
+  g.nullBody = body == nullptr;
+  if (body != nullptr && g.len > 0) g.body.assign(body, static_cast<size_t>(g.len));
+  delete[] body;
+  return g;
+}
+
+// Connects to srv and sends one message.
+void OpenAndSend(const FakeServer& srv, Conn* k, int type, const std::string& body) {
+  ASSERT_EQ(connectTo(srv.addr(), &k->c, 2000), 0);
+  ASSERT_EQ(k->c->send(type, body.empty() ? nullptr : body.data(), static_cast<int>(body.size())),
+            0);
+}
+
 TEST(ZelMsgTest, NamesAuthFlagsAndErrorTexts) {
   struct {
     int type;
     const char* name;
     bool auth;
-  } rows[] = {
-      {-3, "refresh", false},  {-1, "failed", false},       {3, "dump", true},
-      {19, "auth", false},     {8, "fget", false},          {17, "fcrc", true},
-      {32, "fget_priv", true}, {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
-      {21, "unknown", false},  {65, "unknown", false},      {-4, "unknown", false}};
+  } rows[] = {{-3, "refresh", false},      {-1, "failed", false},
+              {3, "dump", true},           {4, "init", true},
+              {6, "vput", true},           {9, "fput", true},
+              {1, "status", false},        {5, "vget", false},
+              {19, "auth", false},         {8, "fget", false},
+              {17, "fcrc", true},          {32, "fget_priv", true},
+              {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
+              {21, "unknown", false},      {65, "unknown", false},
+              {-4, "unknown", false}};
   for (const auto& r : rows) {
     EXPECT_STREQ(msgName(r.type), r.name) << r.type;
     EXPECT_EQ(msgAuthRequired(r.type), r.auth) << r.type;
@@ -71,21 +99,16 @@ TEST_F(KxCommTest, FramingBothWays) {
       .reply(MSG_TYPE_OK)
       .raw(FakeServer::header8(511 - kMsgCodeBias, 0));
   Conn k;
-  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-  ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "name", 5), 0);
-  int type = 0, len = 0;
-  char* body = nullptr;
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-  ASSERT_EQ(len, 100000);
-  EXPECT_EQ(std::string(body, len), big);
-  delete[] body;
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, MSG_TYPE_OK);
-  EXPECT_EQ(body, nullptr);
-  EXPECT_EQ(len, 0);
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, -1);  // code 511
+  OpenAndSend(srv, &k, MSG_TYPE_VGET, std::string("name\0", 5));
+  Got g = Receive(k.c);
+  ASSERT_EQ(g.rc, 0);
+  EXPECT_EQ(g.type, REPLY_TYPE_SEQ_COMMIT);
+  EXPECT_TRUE(g.body == big);
+  g = Receive(k.c);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type, g.len, g.nullBody),
+            std::make_tuple(0, int(MSG_TYPE_OK), 0, true));
+  g = Receive(k.c);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type), std::make_tuple(0, -1));  // code 511
   ASSERT_TRUE(srv.waitDone(2000));
   ASSERT_EQ(srv.greetings().size(), 1u);
   EXPECT_EQ(srv.greetings()[0].raw.size(), 64u);
@@ -105,14 +128,10 @@ TEST_F(KxCommTest, ForwardsStdoutAndStderrInOrder) {
       .reply(REPLY_TYPE_STDOUT, "three")
       .reply(REPLY_TYPE_UID, "U");
   Conn k;
-  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-  ASSERT_EQ(k.c->send(MSG_TYPE_STATUS, nullptr, 0), 0);
-  int type = 0, len = 0;
-  char* body = nullptr;
-  ASSERT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), 0);
-  EXPECT_EQ(type, REPLY_TYPE_UID);
-  EXPECT_EQ(std::string(body, len), "U");
-  delete[] body;
+  OpenAndSend(srv, &k, MSG_TYPE_STATUS, "");
+  Got g = Receive(k.c, true);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type, g.body),
+            std::make_tuple(0, int(REPLY_TYPE_UID), std::string("U")));
   rewind(f);
   char buf[64] = {};
   size_t n = fread(buf, 1, sizeof buf - 1, f);
@@ -136,14 +155,11 @@ TEST_F(KxCommTest, FailedReplyCarriesErrorCode) {
     FakeServer srv;
     srv.expect(MSG_TYPE_VGET).reply(REPLY_TYPE_STDOUT, "").reply(MSG_TYPE_FAILED, c.body);
     Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "x", 1), 0);
-    int type = 0, len = 7;
-    char* body = nullptr;
-    EXPECT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), c.rc) << c.rc;
-    EXPECT_EQ(type, MSG_TYPE_FAILED);
-    EXPECT_EQ(body, nullptr);
-    EXPECT_EQ(len, 0);
+    OpenAndSend(srv, &k, MSG_TYPE_VGET, "x");
+    Got g = Receive(k.c, true);
+    EXPECT_EQ(g.rc, c.rc);
+    EXPECT_EQ(std::make_tuple(g.type, g.len, g.nullBody),
+              std::make_tuple(int(MSG_TYPE_FAILED), 0, true));
     EXPECT_EQ(k.c->isBroken(), c.rc == E_BAD_MESSAGE);
   }
 }
@@ -164,15 +180,12 @@ TEST_F(KxCommTest, BodyLengthLimit) {
       srv.expect(MSG_TYPE_VGET).header(REPLY_TYPE_SEQ_COMMIT, c.len);
     }
     Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(k.c->receive(&type, &body, &len), c.rc) << c.len;
-    EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-    EXPECT_EQ(len, c.rc == 0 ? static_cast<int>(c.len) : 0);
+    OpenAndSend(srv, &k, MSG_TYPE_VGET, "");
+    Got g = Receive(k.c);
+    EXPECT_EQ(g.rc, c.rc) << c.len;
+    EXPECT_EQ(g.type, REPLY_TYPE_SEQ_COMMIT);
+    EXPECT_EQ(g.len, c.rc == 0 ? static_cast<int>(c.len) : 0);
     EXPECT_EQ(k.c->isBroken(), c.rc != 0);
-    delete[] body;
   }
 }
 
@@ -182,12 +195,10 @@ TEST_F(KxCommTest, PeerCloseAndTruncatedBodyGive144) {
   srv.expect(MSG_TYPE_VGET).closeConn();
   for (int i = 0; i < 2; i++) {
     Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(k.c->receive(&type, &body, &len), E_CONN_SHUTDOWN);
-    EXPECT_EQ(body, nullptr);
+    OpenAndSend(srv, &k, MSG_TYPE_VGET, "");
+    Got g = Receive(k.c);
+    EXPECT_EQ(g.rc, E_CONN_SHUTDOWN);
+    EXPECT_TRUE(g.nullBody);
     EXPECT_TRUE(k.c->isBroken());
   }
 }
@@ -373,8 +384,8 @@ TEST_F(KxCommTest, SendReceiveByHostAndIpv6) {
   int type = 0, len = 0;
   char* body = nullptr;
   ASSERT_EQ(SendReceive("::1", srv.port(), MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), 0);
-  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-  EXPECT_EQ(std::string(body, len), "answer");
+  EXPECT_EQ(std::make_tuple(type, std::string(body, len)),
+            std::make_tuple(int(REPLY_TYPE_SEQ_COMMIT), std::string("answer")));
   delete[] body;
   EXPECT_EQ(SendReceive("localhost", 0, MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), E_INVAL);
 }
