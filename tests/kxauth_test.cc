@@ -3,6 +3,7 @@
 // authenticates incoming connections with a key pair of its own.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,16 +22,9 @@ namespace {
 
 // kc is the client's pair, ks the fake server's.
 struct Keys {
-  TempDir dir;
-  TestKey kc, ks;
-  bool ok = false;
-  Keys() { ok = MakeTestKey(dir.path(), "kc", &kc) && MakeTestKey(dir.path(), "ks", &ks); }
+  const TestKey& kc;
+  const TestKey& ks;
 };
-
-const Keys& SharedKeys() {
-  static Keys* keys = new Keys;
-  return *keys;
-}
 
 // The fake server's side: its own transport holding ks; it checks the client's
 // key against the process's authorized-keys list under the client's
@@ -75,8 +69,9 @@ class KxAuthTest : public ::testing::Test {
   void SetUp() override {
     std::string why = SecTestSkipReason();
     if (!why.empty()) GTEST_SKIP() << why;
-    ASSERT_TRUE(SharedKeys().ok);
-    k_ = &SharedKeys();
+    ASSERT_TRUE(SharedTestKey(0) && SharedTestKey(1));
+    keys_.reset(new Keys{*SharedTestKey(0), *SharedTestKey(1)});
+    k_ = keys_.get();
     paths_.keys = {k_->kc.keyPath, k_->kc.certPath, "", ""};
     paths_.authKeysPath = dir_.file("authorized_zel_keys");
     oldTimeout_ = SecSetTimeoutMs(5000);
@@ -119,6 +114,7 @@ class KxAuthTest : public ::testing::Test {
     return rc;
   }
 
+  std::unique_ptr<Keys> keys_;
   const Keys* k_ = nullptr;
   TempDir dir_;
   SecPaths paths_;

@@ -22,8 +22,9 @@ class TransportTest : public testing::Test {
   void SetUp() override {
     std::string why = SecTestSkipReason();
     if (!why.empty()) GTEST_SKIP() << why;
-    ASSERT_TRUE(MakeTestKey(dir_.path(), "a", &ka_));
-    ASSERT_TRUE(MakeTestKey(dir_.path(), "b", &kb_));
+    ASSERT_TRUE(SharedTestKey(0) && SharedTestKey(1) && SharedTestKey(2));
+    ka_ = *SharedTestKey(0);
+    kb_ = *SharedTestKey(1);
     ASSERT_EQ(0, ta_.loadLibrary());
     ASSERT_EQ(0, tb_.loadLibrary());
     ASSERT_EQ(0, ta_.loadKeys({ka_.keyPath, ka_.certPath, "", ""}));
@@ -135,8 +136,7 @@ TEST_F(TransportTest, BadPeersEndInAnErrorNotAHang) {
 }
 
 TEST_F(TransportTest, ContextsPerGeneration) {
-  TestKey kn;
-  ASSERT_TRUE(MakeTestKey(dir_.path(), "n", &kn));
+  const TestKey& kn = *SharedTestKey(2);
   SecTransport t;
   ASSERT_EQ(0, t.loadLibrary());
   ASSERT_EQ(0, t.loadKeys({ka_.keyPath, ka_.certPath, kn.keyPath, kn.certPath}));
