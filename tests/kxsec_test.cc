@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -36,23 +35,16 @@ std::string Entry(const std::string& name, int cGen, const TestKey* committed, i
   return s;
 }
 
-// The local committed pair k1, the local new pair k2 of a key change, and kx
-// that this node does not hold.
-struct Keys {
-  const TestKey& k1;
-  const TestKey& k2;
-  const TestKey& kx;
-};
-
 class KxsecTest : public testing::Test {
  protected:
   void SetUp() override {
     std::string why = SecTestSkipReason();
     if (!why.empty()) GTEST_SKIP() << why;
-    ASSERT_TRUE(SharedTestKey(0) && SharedTestKey(1) && SharedTestKey(2));
-    keys_.reset(new Keys{*SharedTestKey(0), *SharedTestKey(1), *SharedTestKey(2)});
-    k_ = keys_.get();
-    paths_.keys = {k_->k1.keyPath, k_->k1.certPath, k_->k2.keyPath, k_->k2.certPath};
+    k1_ = SharedTestKey(0);
+    k2_ = SharedTestKey(1);
+    kx_ = SharedTestKey(2);
+    ASSERT_TRUE(k1_ && k2_ && kx_);
+    paths_.keys = {k1_->keyPath, k1_->certPath, k2_->keyPath, k2_->certPath};
     paths_.authKeysPath = dir_.file("authorized_zel_keys");
     oldTimeout_ = SecSetTimeoutMs(5000);
   }
@@ -65,8 +57,9 @@ class KxsecTest : public testing::Test {
     return InitSecurityAt(paths_);
   }
 
-  std::unique_ptr<Keys> keys_;
-  const Keys* k_ = nullptr;
+  // The local committed pair, the local new pair of a key change, and a key
+  // that this node does not hold.
+  const TestKey *k1_ = nullptr, *k2_ = nullptr, *kx_ = nullptr;
   TempDir dir_;
   SecPaths paths_;
   int oldTimeout_ = 0;
@@ -108,7 +101,7 @@ SecAuthParams P(int aGen, int cGen) {
 }
 
 TEST_F(KxsecTest, AuthorizedPairThenPlainBytesBothWays) {
-  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr)));
   EXPECT_TRUE(zelSecReady);
   EXPECT_STREQ("AUTHONLY", zelCipherListP);
   EXPECT_EQ(1, zelGetKeyGenNumber());
@@ -129,17 +122,17 @@ TEST_F(KxsecTest, AuthorizedPairThenPlainBytesBothWays) {
 // new as 2 unless a row lists others).
 TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
   const int kAny = 1;  // not checked
-  const std::string change = Entry("home", 1, &k_->k1, 2, &k_->k2);
+  const std::string change = Entry("home", 1, k1_, 2, k2_);
   struct Case {
     const char* what;
     std::string file;
     SecAuthParams client, server;
     int clientRc, serverRc;
   } cases[] = {
-      {"only kx listed", Entry("home", 1, &k_->kx, -1, nullptr), P(1, 1), P(1, 1), E_AUTH_FAILED,
+      {"only kx listed", Entry("home", 1, kx_, -1, nullptr), P(1, 1), P(1, 1), E_AUTH_FAILED,
        E_AUTH_FAILED},
-      {"kx under the client's generation", Entry("home", 1, &k_->k1, 2, &k_->kx), P(1, 2), P(1, 2),
-       kAny, E_AUTH_FAILED},
+      {"kx under the client's generation", Entry("home", 1, k1_, 2, kx_), P(1, 2), P(1, 2), kAny,
+       E_AUTH_FAILED},
       {"key change 1/2", change, P(1, 2), P(1, 2), 0, 0},
       {"key change 2/1", change, P(2, 1), P(2, 1), 0, 0},
       {"key change 1/1", change, P(1, 1), P(1, 1), 0, 0},
@@ -158,7 +151,7 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
   }
   EXPECT_EQ(2, zelGetKeyGenNumber());  // the new generation during a change
 
-  const std::string k1 = Bytes(k_->k1.digestHex), k2 = Bytes(k_->k2.digestHex);
+  const std::string k1 = Bytes(k1_->digestHex), k2 = Bytes(k2_->digestHex);
   struct {
     std::string key;
     int gen;
@@ -169,7 +162,7 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
               {k2, 2, true},
               {k2, 0, false},
               {k2, 1, false},
-              {Bytes(k_->kx.digestHex), 0, false},
+              {Bytes(kx_->digestHex), 0, false},
               {"", 0, false}};
   for (const auto& k : keys) EXPECT_EQ(k.want, isAuthorizedKey(k.key, k.gen)) << k.gen;
 }
@@ -177,7 +170,7 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
 // Refused before the socket is touched: 703 for an own generation without a
 // pair (2 is listed nowhere), 720 for missing parameters or other cipher lists.
 TEST_F(KxsecTest, RefusedBeforeTouchingTheSocket) {
-  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr)));
   const int kNot = 0;  // that direction is not tried
   struct Case {
     SecAuthParams p;
@@ -241,7 +234,7 @@ TEST_F(KxsecTest, WithoutTheFileAuthenticationIsOff) {
 TEST_F(KxsecTest, MissingLibraryIsAClearErrorWhenConfigured) {
   tls::SetLibraryNames("libzel-absent-ssl.so.3", "libzel-absent-crypto.so.3");
   testing::internal::CaptureStderr();
-  int rc = Init(Entry("home", 1, &k_->k1, -1, nullptr));
+  int rc = Init(Entry("home", 1, k1_, -1, nullptr));
   std::string err = testing::internal::GetCapturedStderr();
   tls::SetLibraryNames(nullptr, nullptr);
   EXPECT_EQ(ELIBACC, rc);
@@ -259,26 +252,26 @@ TEST_F(KxsecTest, BadFileOrMissingKeysLeaveSecurityOff) {
   ShutdownSecurity();
   paths_.keys.keyPath = dir_.file("absent.key");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(ENOENT, Init(Entry("home", 1, &k_->k1, -1, nullptr)));
+  EXPECT_EQ(ENOENT, Init(Entry("home", 1, k1_, -1, nullptr)));
   err = testing::internal::GetCapturedStderr();
   EXPECT_FALSE(zelSecReady);
   EXPECT_NE(std::string::npos, err.find("Auth: failed to load private keys (err 2)")) << err;
 }
 
 TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
-  ASSERT_EQ(0, Init(Entry("home", 1, &k_->k1, -1, nullptr) + "fips1402mode=off\n"));
+  ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr) + "fips1402mode=off\n"));
   EXPECT_FALSE(isFIPS1402());
   EXPECT_EQ(3, getNistVar());
   const ClusterInfoList* before = &zelAuthorizedKeys();
-  EXPECT_TRUE(isAuthorizedKey(Bytes(k_->k1.digestHex), 1));
+  EXPECT_TRUE(isAuthorizedKey(Bytes(k1_->digestHex), 1));
 
-  WriteFile(paths_.authKeysPath, Entry("other", 4, &k_->kx, -1, nullptr) +
-                                     Entry("home", 4, &k_->k1, -1, nullptr) +
+  WriteFile(paths_.authKeysPath, Entry("other", 4, kx_, -1, nullptr) +
+                                     Entry("home", 4, k1_, -1, nullptr) +
                                      "nistCompliance=SP800-131A\nfips1402mode=on\n");
   EXPECT_EQ(0, RefreshSecurity());
   EXPECT_NE(before, &zelAuthorizedKeys());
-  EXPECT_FALSE(isAuthorizedKey(Bytes(k_->k1.digestHex), 1));
-  EXPECT_TRUE(isAuthorizedKey(Bytes(k_->k1.digestHex), 4));
+  EXPECT_FALSE(isAuthorizedKey(Bytes(k1_->digestHex), 1));
+  EXPECT_TRUE(isAuthorizedKey(Bytes(k1_->digestHex), 4));
   EXPECT_EQ(4, zelGetKeyGenNumber());
   EXPECT_EQ("other", zelGetClusterName());
   EXPECT_TRUE(isFIPS1402());

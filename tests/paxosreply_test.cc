@@ -6,14 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "support/fakeserver.h"
 #include "support/recordcheck.h"
 #include "support/samples.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
@@ -51,19 +49,16 @@ struct Outcome {
   bool cached = false;
 };
 
-class PaxosReplyTest : public ::testing::Test {
+class PaxosReplyTest : public WireTest {
  protected:
   void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
-    zelClusterId = 0;
+    WireTest::SetUp();
     SetClientCacheFnForTest(RecordCache);
     cacheCalls.clear();
   }
   void TearDown() override {
-    outConnectionCache.clear();
     SetClientCacheFnForTest(nullptr);
-    KxSetTransferTimeouts(DefaultSendTimeoutMS, DefaultRecvTimeoutMS);
+    WireTest::TearDown();
   }
 
   // Sends a request to a fake server that answers with rawReply, decodes the

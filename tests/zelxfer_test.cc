@@ -6,9 +6,8 @@
 
 #include <string>
 
-#include "support/fakeserver.h"
 #include "support/testutil.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
@@ -26,13 +25,12 @@ unsigned int Cksum(const std::string& s) {
                   s.size());
 }
 
-class ZelXferTest : public ::testing::Test {
+class ZelXferTest : public WireTest {
  protected:
-  void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
+  void TearDown() override {
+    delete conn_;
+    WireTest::TearDown();
   }
-  void TearDown() override { delete conn_; }
   // Replaces the test's connection with a new one to srv.
   Connection* connect(const FakeServer& srv) {
     delete conn_;
