@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-
 #include <cerrno>
-#include <functional>
 #include <string>
-#include <thread>
 
 #include "support/loopback.h"
 #include "support/seckeys.h"
@@ -65,33 +61,7 @@ class KxsecTest : public testing::Test {
   int oldTimeout_ = 0;
 };
 
-struct PairResult {
-  int client = -1;
-  int server = -1;
-  bool plainFlows = false;
-};
-
-using SideFn = std::function<int(int sock)>;
-
-// The server authenticates on a thread while the client does here; after
-// both succeed, plain bytes must pass in both directions and nothing else.
-PairResult RunPair(const SideFn& client, const SideFn& server) {
-  PairResult r;
-  LoopbackPair p;
-  if (!p.ok()) return r;
-  std::thread th([&] { r.server = server(p.server); });
-  r.client = client(p.client);
-  if (r.client != 0) shutdown(p.client, SHUT_RDWR);  // do not leave the server waiting
-  th.join();
-  if (r.client == 0 && r.server == 0) {
-    r.plainFlows = SendAll(p.client, "hdr+body") && RecvExactly(p.server, 8, 5000) == "hdr+body" &&
-                   SendAll(p.server, "reply") && RecvExactly(p.client, 5, 5000) == "reply" &&
-                   !HasPendingByte(p.server) && !HasPendingByte(p.client);
-  }
-  return r;
-}
-
-PairResult RunPair(const SecAuthParams& client, const SecAuthParams& server) {
+PairResult RunAuthPair(const SecAuthParams& client, const SecAuthParams& server) {
   return RunPair([&](int s) { return AuthenticateOutgoingWith(s, client); },
                  [&](int s) { return AuthenticateIncomingWith(s, server); });
 }
@@ -144,7 +114,7 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
     SCOPED_TRACE(c.what);
     ShutdownSecurity();
     ASSERT_EQ(0, Init(c.file));
-    PairResult r = RunPair(c.client, c.server);
+    PairResult r = RunAuthPair(c.client, c.server);
     EXPECT_TRUE(c.clientRc == kAny || c.clientRc == r.client) << r.client;
     EXPECT_TRUE(c.serverRc == kAny || c.serverRc == r.server) << r.server;
     EXPECT_EQ(c.clientRc == 0 && c.serverRc == 0, r.plainFlows);
@@ -277,7 +247,7 @@ TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
   EXPECT_TRUE(isFIPS1402());
   EXPECT_EQ(1, getNistVar());
   // The local pair now serves generation 4 of the first entry.
-  PairResult r = RunPair(P(4, 4), P(4, 4));
+  PairResult r = RunAuthPair(P(4, 4), P(4, 4));
   EXPECT_EQ(0, r.client);
   EXPECT_EQ(0, r.server);
 }

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <string>
-#include <thread>
 
 #include "support/loopback.h"
 #include "support/recordcheck.h"
@@ -43,56 +42,43 @@ class TransportTest : public testing::Test {
   int oldTimeout_ = 0;
 };
 
+// One end of a handshake: its result, the close result and the peer's key id.
 struct Side {
   int handshake = -1;
   int close = -1;
   std::string peerId;
+  bool blocking = false;  // the socket is blocking again afterwards
 };
 
-// Runs the client on this thread and the server on another.
-void Handshake(SecTransport& client, SecTransport& server, const LoopbackPair& p, Side* c,
-               Side* s) {
-  tls::SSL_CTX* sctx = server.getContext(1);
-  tls::SSL_CTX* cctx = client.getContext(1);
-  ASSERT_TRUE(sctx && cctx);
-  std::thread th([&] {
-    SecSession ss(tls::Get(), sctx, p.server);
-    s->handshake = ss.accept();
-    std::string der;
-    if (s->handshake == 0 && ss.peerPublicKey(&der) == 0) SecKeyId(der, &s->peerId);
-    s->close = ss.close();
-  });
+int RunSide(tls::SSL_CTX* ctx, int fd, bool asServer, Side* side) {
   {
-    SecSession cs(tls::Get(), cctx, p.client);
-    c->handshake = cs.connect();
+    SecSession ss(tls::Get(), ctx, fd);
+    side->handshake = asServer ? ss.accept() : ss.connect();
     std::string der;
-    if (c->handshake == 0 && cs.peerPublicKey(&der) == 0) SecKeyId(der, &c->peerId);
-    c->close = cs.close();
+    if (side->handshake == 0 && ss.peerPublicKey(&der) == 0) SecKeyId(der, &side->peerId);
+    side->close = ss.close();
   }
-  th.join();
-  client.releaseContext(cctx);
-  server.releaseContext(sctx);
+  side->blocking = (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+  return side->handshake == 0 ? side->close : side->handshake;
 }
 
 TEST_F(TransportTest, HandshakeShowsPeerKeysThenPlainBytesFlow) {
-  LoopbackPair p;
-  ASSERT_TRUE(p.ok());
+  tls::SSL_CTX* sctx = tb_.getContext(1);
+  tls::SSL_CTX* cctx = ta_.getContext(1);
+  ASSERT_TRUE(sctx && cctx);
   Side c, s;
-  Handshake(ta_, tb_, p, &c, &s);
+  PairResult r = RunPair([&](int fd) { return RunSide(cctx, fd, false, &c); },
+                         [&](int fd) { return RunSide(sctx, fd, true, &s); });
+  ta_.releaseContext(cctx);
+  tb_.releaseContext(sctx);
   EXPECT_EQ(0, c.handshake);
   EXPECT_EQ(0, s.handshake);
   EXPECT_EQ(0, c.close);
   EXPECT_EQ(0, s.close);
   EXPECT_EQ(kb_.digestHex, HexLower(c.peerId));  // the client sees the server's key
   EXPECT_EQ(ka_.digestHex, HexLower(s.peerId));
-  // The socket is blocking again and carries exactly the plain bytes.
-  EXPECT_EQ(0, fcntl(p.client, F_GETFL) & O_NONBLOCK);
-  ASSERT_TRUE(SendAll(p.client, "request"));
-  EXPECT_EQ("request", RecvExactly(p.server, 7, 5000));
-  ASSERT_TRUE(SendAll(p.server, "reply!"));
-  EXPECT_EQ("reply!", RecvExactly(p.client, 6, 5000));
-  EXPECT_FALSE(HasPendingByte(p.client));
-  EXPECT_FALSE(HasPendingByte(p.server));
+  EXPECT_TRUE(c.blocking);
+  EXPECT_TRUE(r.plainFlows);
 }
 
 // A peer that says nothing, talks nonsense or hangs up ends the step with an
