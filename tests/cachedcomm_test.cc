@@ -6,38 +6,13 @@
 #include <string>
 
 #include "platform/psock.h"
-#include "support/fakeserver.h"
+#include "support/wiretest.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
 
-class CachedCommTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
-    inConnectionCache.clear();
-    useCachedConnections = true;
-    zelClusterId = 0;
-  }
-  void TearDown() override {
-    outConnectionCache.clear();
-    inConnectionCache.clear();
-    useCachedConnections = true;
-    zelClusterId = 0;
-  }
-  // One request with the reply's type as result (or the error as a negative number).
-  static int request(const FakeServer& srv, int type, const std::string& body) {
-    int rtype = 0, len = 0;
-    char* rbody = nullptr;
-    int rc = SendReceive(srv.addr(), type, body.data(), static_cast<int>(body.size()), &rtype,
-                         &rbody, &len, 2000);
-    delete[] rbody;
-    return rc == 0 ? rtype : -rc;
-  }
-};
+using CachedCommTest = WireTest;
 
 // A ConnImplementation over one end of a socket pair; *peer gets the other end.
 Connection* PairConn(const CommAddr& a, int* peer) {
@@ -51,9 +26,9 @@ TEST_F(CachedCommTest, ReusedAfterEorHandshake) {
   FakeServer srv;
   srv.expect(MSG_TYPE_VGET, "a").reply(REPLY_TYPE_SEQ_COMMIT, "1");
   srv.expect(MSG_TYPE_VGET, "b").reply(REPLY_TYPE_SEQ_COMMIT, "2");
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "a"), REPLY_TYPE_SEQ_COMMIT);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "a"), REPLY_TYPE_SEQ_COMMIT);
   EXPECT_EQ(outConnectionCache.size(), 1u);
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "b"), REPLY_TYPE_SEQ_COMMIT);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "b"), REPLY_TYPE_SEQ_COMMIT);
   ASSERT_TRUE(srv.waitDone(3000));
   EXPECT_EQ(srv.connections(), 1);
   auto msgs = srv.messages();
@@ -92,9 +67,9 @@ TEST_F(CachedCommTest, BrokenConnectionsAreNeverCached) {
     FakeServer srv;
     c.script(srv);
     srv.expect(MSG_TYPE_VGET).reply(MSG_TYPE_OK);
-    EXPECT_EQ(request(srv, MSG_TYPE_VGET, "x"), c.rc) << c.what;
+    EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "x"), c.rc) << c.what;
     EXPECT_EQ(outConnectionCache.size(), 0u) << c.what;
-    EXPECT_EQ(request(srv, MSG_TYPE_VGET, "y"), MSG_TYPE_OK) << c.what;
+    EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "y"), MSG_TYPE_OK) << c.what;
     EXPECT_TRUE(srv.waitDone(3000));
     EXPECT_EQ(srv.connections(), 2) << c.what;
     EXPECT_EQ(outConnectionCache.nAddBad, 1) << c.what;
@@ -109,7 +84,7 @@ TEST_F(CachedCommTest, StaleCachedConnectionIsReplaced) {
   // Unsolicited data after the eor makes the cached connection stale.
   srv.expect(REPLY_TYPE_EOR).reply(REPLY_TYPE_EOR).reply(REPLY_TYPE_STDOUT, "late");
   srv.expect(MSG_TYPE_VGET, "second").reply(REPLY_TYPE_UID, "u");
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "first"), MSG_TYPE_OK);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "first"), MSG_TYPE_OK);
   // Let the stale bytes arrive before the next request peeks.
   for (int i = 0; i < 200; i++) {
     std::vector<int> socks;
@@ -119,7 +94,7 @@ TEST_F(CachedCommTest, StaleCachedConnectionIsReplaced) {
     if (::recv(socks[0], &c, 1, MSG_PEEK | MSG_DONTWAIT) == 1) break;
     usleep(5000);
   }
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "second"), REPLY_TYPE_UID);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "second"), REPLY_TYPE_UID);
   EXPECT_TRUE(srv.waitDone(3000));
   EXPECT_EQ(srv.connections(), 2);
 }
@@ -128,7 +103,7 @@ TEST_F(CachedCommTest, CachedConnectionClosedByPeerIsReusedAndFails) {
   FakeServer srv;
   srv.expect(MSG_TYPE_VGET).reply(MSG_TYPE_OK);
   srv.expect(REPLY_TYPE_EOR).reply(REPLY_TYPE_EOR).closeConn();
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "first"), MSG_TYPE_OK);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "first"), MSG_TYPE_OK);
   ASSERT_TRUE(srv.waitDone(3000));
   Connection* c = nullptr;
   ASSERT_EQ(connectTo(srv.addr(), &c, 2000), 0);
@@ -147,10 +122,10 @@ TEST_F(CachedCommTest, TakenFromCacheCountsAsFirstMessageAgain) {
   o.clusterId = 9;
   FakeServer srv(o);
   srv.expect(MSG_TYPE_VGET).reply(MSG_TYPE_OK);
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "a"), MSG_TYPE_OK);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "a"), MSG_TYPE_OK);
   ASSERT_EQ(outConnectionCache.size(), 1u);
   zelClusterId = 8;  // learnt meanwhile: the reused connection must be checked again
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "b"), -E_CLUSTER_MISMATCH);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "b"), -E_CLUSTER_MISMATCH);
   EXPECT_EQ(outConnectionCache.size(), 0u);
 }
 
@@ -158,7 +133,7 @@ TEST_F(CachedCommTest, NotCachingDestroysWithoutEor) {
   useCachedConnections = false;
   FakeServer srv;
   srv.expect(MSG_TYPE_VGET).reply(MSG_TYPE_OK);
-  EXPECT_EQ(request(srv, MSG_TYPE_VGET, "a"), MSG_TYPE_OK);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "a"), MSG_TYPE_OK);
   EXPECT_EQ(outConnectionCache.size(), 0u);
   EXPECT_TRUE(srv.waitDone(3000));
   EXPECT_TRUE(srv.messagesOfType(REPLY_TYPE_EOR).empty());

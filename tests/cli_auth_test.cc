@@ -6,34 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "support/clifixture.h"
 #include "support/fakeserver.h"
 #include "support/seckeys.h"
-#include "support/testutil.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 
 namespace {
 
-class CliAuthTest : public ::testing::Test {
+class CliAuthTest : public CliFixture {
  protected:
-  void SetUp() override {
-    base_ = dir_.file("repo");
-    ASSERT_EQ(0, mkdir(base_.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((base_ + "/committed").c_str(), 0755));
-    // This host is not a quorum node.
-    WriteFile(base_ + "/zel.nodes", "1,0,10.200.0.1,,far\n");
-    WriteFile(base_ + "/zel.disks", "");
-  }
-  RunResult Run(std::vector<std::string> args, EnvList env = {}) {
-    args.insert(args.begin(), KxzelTestBin());
-    env.push_back({"ZEL_BASE", base_});
-    RunResult r = RunCommand(args, env, 30000);
-    EXPECT_FALSE(r.timedOut);
-    return r;
-  }
-
-  TempDir dir_;
-  std::string base_;
+  CliAuthTest() { nodes_ = "1,0,10.200.0.1,,far\n"; }  // this host is no quorum node
 };
 
 std::string Failure(int id, const std::string& name, int err) {
@@ -61,7 +44,7 @@ TEST_F(CliAuthTest, EveryNodeIsAskedAndTheFirstFailureDecides) {
     std::string want = Failure(-1, "127.0.0.1", E_ZEL_VERSION_MISMATCH);
     if (c.third != 0) want += Failure(-1, "127.0.0.1", c.third);
     EXPECT_EQ(want, r.err);
-    EXPECT_EQ("zelBaseDir: " + base_ + "\n", r.out);
+    EXPECT_EQ(BaseLine(), r.out);
   }
 }
 

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "support/clifixture.h"
 #include "support/fakeserver.h"
-#include "support/testutil.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
 #include "zel/zelfiles.h"
@@ -15,28 +14,7 @@
 
 namespace {
 
-// A test installation whose node list names this host as node 1.
-class CliWireTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    base_ = dir_.file("repo");
-    ASSERT_EQ(0, mkdir(base_.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((base_ + "/committed").c_str(), 0755));
-    WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,self\n");
-    WriteFile(base_ + "/zel.disks", "");
-  }
-  RunResult Run(std::vector<std::string> args, EnvList env = {}) {
-    args.insert(args.begin(), KxzelTestBin());
-    env.push_back({"ZEL_BASE", base_});
-    RunResult r = RunCommand(args, env);
-    EXPECT_FALSE(r.timedOut);
-    return r;
-  }
-  std::string BaseLine() const { return "zelBaseDir: " + base_ + "\n"; }
-
-  TempDir dir_;
-  std::string base_;
-};
+using CliWireTest = CliFixture;
 
 // Writes a state file with the library's writer, as cluster 77 and node 3.
 void StoreFile(const std::string& path, const PaxosFileData& pfd) {

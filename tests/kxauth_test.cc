@@ -7,30 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "support/fakeserver.h"
 #include "support/seckeys.h"
 #include "support/testutil.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/kxcomm.h"
 #include "zel/kxsec.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
-
-// kc is the client's pair, ks the fake server's.
-struct Keys {
-  TempDir dir;
-  TestKey kc, ks;
-  bool ok = false;
-  Keys() { ok = MakeTestKey(dir.path(), "kc", &kc) && MakeTestKey(dir.path(), "ks", &ks); }
-};
-
-const Keys& SharedKeys() {
-  static Keys* keys = new Keys;
-  return *keys;
-}
 
 // The fake server's side: its own transport holding ks; it checks the client's
 // key against the process's authorized-keys list under the client's
@@ -70,37 +55,35 @@ std::string Entry(const std::string& name, const TestKey& k) {
          "committedPublicKey=\n" + k.pubPem;
 }
 
-class KxAuthTest : public ::testing::Test {
+class KxAuthTest : public WireTest {
  protected:
   void SetUp() override {
+    WireTest::SetUp();
     std::string why = SecTestSkipReason();
     if (!why.empty()) GTEST_SKIP() << why;
-    ASSERT_TRUE(SharedKeys().ok);
-    k_ = &SharedKeys();
-    paths_.keys = {k_->kc.keyPath, k_->kc.certPath, "", ""};
+    kc_ = SharedTestKey(0);
+    ks_ = SharedTestKey(1);
+    ASSERT_TRUE(kc_ && ks_);
+    paths_.keys = {kc_->keyPath, kc_->certPath, "", ""};
     paths_.authKeysPath = dir_.file("authorized_zel_keys");
     oldTimeout_ = SecSetTimeoutMs(5000);
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
-    zelClusterId = 0;
     serverSec = new SecTransport;
     ASSERT_EQ(0, serverSec->loadLibrary());
-    ASSERT_EQ(0, serverSec->loadKeys({k_->ks.keyPath, k_->ks.certPath, "", ""}));
+    ASSERT_EQ(0, serverSec->loadKeys({ks_->keyPath, ks_->certPath, "", ""}));
     serverSec->bindGenerations(1, -1);
     std::lock_guard<std::mutex> g(serverMu);
     serverResults.clear();
   }
   void TearDown() override {
-    outConnectionCache.clear();
     ShutdownSecurity();
-    SetKxSecurity(KxSecurity());
     delete serverSec;
     serverSec = nullptr;
     if (oldTimeout_ > 0) SecSetTimeoutMs(oldTimeout_);
+    WireTest::TearDown();
   }
   // Both keys listed: each end accepts the other.
   int InitBoth() {
-    WriteFile(paths_.authKeysPath, Entry("home.cl", k_->kc) + Entry("srv.cl", k_->ks));
+    WriteFile(paths_.authKeysPath, Entry("home.cl", *kc_) + Entry("srv.cl", *ks_));
     return InitSecurityAt(paths_);
   }
   static FakeServer::Options ServerOpts() {
@@ -110,84 +93,13 @@ class KxAuthTest : public ::testing::Test {
     o.authenticateIncoming = ServerAuth;
     return o;
   }
-  static int Request(const FakeServer& srv, int type, const std::string& body) {
-    int rtype = 0, rlen = 0;
-    char* rbody = nullptr;
-    int rc = SendReceive(srv.addr(), type, body.data(), static_cast<int>(body.size()), &rtype,
-                         &rbody, &rlen, 3000);
-    delete[] rbody;
-    return rc;
-  }
 
-  const Keys* k_ = nullptr;
+  const TestKey* kc_ = nullptr;  // the client's pair
+  const TestKey* ks_ = nullptr;  // the fake server's pair
   TempDir dir_;
   SecPaths paths_;
   int oldTimeout_ = 0;
 };
-
-// A connection the test owns.
-struct Conn {
-  Connection* c = nullptr;
-  ~Conn() { delete c; }
-};
-
-TEST_F(KxAuthTest, WithoutTheFileTheWireIsUnchanged) {
-  testing::internal::CaptureStderr();
-  ASSERT_EQ(0, InitSecurityAt(paths_));  // no authorized-keys file
-  testing::internal::GetCapturedStderr();
-  ASSERT_FALSE(GetKxSecurity().ready);
-  FakeServer srv;  // would take any exchange bytes for the body
-  srv.expect(MSG_TYPE_VPUT, "name").reply(MSG_TYPE_OK);
-  EXPECT_EQ(0, Request(srv, MSG_TYPE_VPUT, "name"));
-  ASSERT_TRUE(srv.waitDone(3000));
-  auto g = srv.greetings();
-  ASSERT_EQ(1u, g.size());
-  EXPECT_EQ(64u, g[0].raw.size());
-  EXPECT_FALSE(g[0].hasRecord6);
-}
-
-TEST_F(KxAuthTest, ReadyGreetingCarriesGenerationAndClusterName) {
-  ASSERT_EQ(0, InitBoth());
-  FakeServer srv(ServerOpts());
-  srv.expect(MSG_TYPE_STATUS).reply(MSG_TYPE_OK);
-  EXPECT_EQ(0, Request(srv, MSG_TYPE_STATUS, ""));
-  auto g = srv.greetings();
-  ASSERT_EQ(1u, g.size());
-  EXPECT_TRUE(g[0].hasRecord6);
-  EXPECT_EQ(1, g[0].keyGenNumber);
-  EXPECT_EQ("home.cl", g[0].clusterName);
-  EXPECT_EQ(64u + 20u, g[0].raw.size());  // (7 + 16) rounded down to a multiple of 4
-  EXPECT_TRUE(ServerResults().empty());
-}
-
-TEST_F(KxAuthTest, ExchangeOnlyWhenTheFirstMessageNeedsIt) {
-  ASSERT_EQ(0, InitBoth());
-  struct Case {
-    int first;
-    size_t exchanges;
-  } cases[] = {
-      {MSG_TYPE_VGET, 0}, {MSG_TYPE_FGET, 0}, {MSG_TYPE_STATUS, 0},
-      {MSG_TYPE_VPUT, 1}, {MSG_TYPE_FPUT, 1}, {MSG_TYPE_INIT, 1},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(msgName(c.first));
-    {
-      std::lock_guard<std::mutex> g(serverMu);
-      serverResults.clear();
-    }
-    FakeServer srv(ServerOpts());
-    // The body of each message must arrive intact after the exchange.
-    srv.expect(c.first, "one").expect(MSG_TYPE_VPUT, "two").expect(MSG_TYPE_FPUT, "three");
-    Conn k;
-    ASSERT_EQ(0, connectTo(srv.addr(), &k.c, 3000));
-    EXPECT_EQ(0, k.c->send(c.first, "one", 3));
-    EXPECT_EQ(0, k.c->send(MSG_TYPE_VPUT, "two", 3));
-    EXPECT_EQ(0, k.c->send(MSG_TYPE_FPUT, "three", 5));
-    EXPECT_EQ(c.exchanges == 1, k.c->isAuthenticated());
-    ASSERT_TRUE(srv.waitDone(3000));
-    EXPECT_EQ(std::vector<int>(c.exchanges, 0), ServerResults());
-  }
-}
 
 TEST_F(KxAuthTest, ConnectionFromTheCacheCountsAsNew) {
   ASSERT_EQ(0, InitBoth());
@@ -207,41 +119,54 @@ TEST_F(KxAuthTest, ConnectionFromTheCacheCountsAsNew) {
   ASSERT_EQ(1u, outConnectionCache.size());
 }
 
-TEST_F(KxAuthTest, UnlistedClientKeyFailsTheRequest) {
-  // Only the server's key is listed: the client accepts the server, the server
-  // refuses the client and drops the connection before reading the body.
-  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->ks));
-  ASSERT_EQ(0, InitSecurityAt(paths_));
-  FakeServer::Options o = ServerOpts();
-  o.drainMs = 0;
-  FakeServer srv(o);
-  int rc = Request(srv, MSG_TYPE_VPUT, "name");
-  EXPECT_TRUE(rc == E_CONN_SHUTDOWN || rc == ECONNRESET || rc == EPIPE) << rc;
-  EXPECT_EQ(std::vector<int>{E_AUTH_FAILED}, ServerResults());
-  EXPECT_TRUE(srv.messages().empty());
-  EXPECT_EQ(0u, outConnectionCache.size());
-}
-
-TEST_F(KxAuthTest, UnlistedServerKeyIs703OnTheClient) {
-  WriteFile(paths_.authKeysPath, Entry("home.cl", k_->kc));
-  ASSERT_EQ(0, InitSecurityAt(paths_));
-  FakeServer::Options o = ServerOpts();
-  o.drainMs = 0;
-  FakeServer srv(o);
-  EXPECT_EQ(E_AUTH_FAILED, Request(srv, MSG_TYPE_VPUT, "name"));
-  EXPECT_TRUE(srv.messages().empty());
-  EXPECT_EQ(0u, outConnectionCache.size());
-}
-
-TEST_F(KxAuthTest, ServerWithoutGenerationIs720) {
-  ASSERT_EQ(0, InitBoth());
-  FakeServer::Options o = ServerOpts();
-  o.record6 = false;
-  o.authenticateIncoming = nullptr;
-  o.drainMs = 0;
-  FakeServer srv(o);
-  EXPECT_EQ(E_AUTH_PARAMS, Request(srv, MSG_TYPE_VPUT, "name"));
-  EXPECT_TRUE(srv.messages().empty());
+// A refused exchange fails the request before the body is sent, and the
+// connection is not cached.
+TEST_F(KxAuthTest, RefusedExchanges) {
+  const int kDropped = -1;  // the server dropped the connection: 144, reset or pipe
+  struct Case {
+    const char* what;
+    std::string keys;
+    bool serverGen;
+    int rc;
+    std::vector<int> serverResults;  // {-1}: not checked
+  } cases[] = {
+      // Only the server's key is listed: the server refuses the client.
+      {"client key unlisted", Entry("home.cl", *ks_), true, kDropped, {E_AUTH_FAILED}},
+      {"server key unlisted", Entry("home.cl", *kc_), true, E_AUTH_FAILED, {-1}},
+      {"server sent no generation",
+       Entry("home.cl", *kc_) + Entry("srv.cl", *ks_),
+       false,
+       E_AUTH_PARAMS,
+       {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    {
+      std::lock_guard<std::mutex> g(serverMu);
+      serverResults.clear();
+    }
+    ShutdownSecurity();
+    WriteFile(paths_.authKeysPath, c.keys);
+    ASSERT_EQ(0, InitSecurityAt(paths_));
+    FakeServer::Options o = ServerOpts();
+    o.drainMs = 0;
+    if (!c.serverGen) {
+      o.record6 = false;
+      o.authenticateIncoming = nullptr;
+    }
+    FakeServer srv(o);
+    int rc = Request(srv, MSG_TYPE_VPUT, "name");
+    if (c.rc == kDropped) {
+      EXPECT_TRUE(rc == -E_CONN_SHUTDOWN || rc == -ECONNRESET || rc == -EPIPE) << rc;
+    } else {
+      EXPECT_EQ(-c.rc, rc);
+    }
+    if (c.serverResults != std::vector<int>{-1}) {
+      EXPECT_EQ(c.serverResults, ServerResults());
+    }
+    EXPECT_TRUE(srv.messages().empty());
+    EXPECT_EQ(0u, outConnectionCache.size());
+  }
 }
 
 }  // namespace

@@ -5,52 +5,32 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <tuple>
 
 #include "platform/psock.h"
-#include "support/fakeserver.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
 
-class KxCommTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
-    zelClusterId = 0;
-    SetKxSecurity(KxSecurity());
-  }
-  void TearDown() override {
-    outConnectionCache.clear();
-    zelClusterId = 0;
-    SetKxSecurity(KxSecurity());
-    PlatSetConnectFn(nullptr);
-    SetSimulateNetworkDisconnectAddrs(false, CommAddr(), CommAddr());
-    KxSetForwardStreams(nullptr, nullptr);
-  }
-};
-
-// A connection that the caller owns and destroys.
-struct Conn {
-  Connection* c = nullptr;
-  ~Conn() { delete c; }
-};
+using KxCommTest = WireTest;
 
 TEST(ZelMsgTest, NamesAuthFlagsAndErrorTexts) {
   struct {
     int type;
     const char* name;
     bool auth;
-  } rows[] = {
-      {-3, "refresh", false},  {-1, "failed", false},       {3, "dump", true},
-      {19, "auth", false},     {8, "fget", false},          {17, "fcrc", true},
-      {32, "fget_priv", true}, {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
-      {21, "unknown", false},  {65, "unknown", false},      {-4, "unknown", false}};
+  } rows[] = {// clang-format off
+      {-3, "refresh", false}, {-1, "failed", false}, {3, "dump", true}, {4, "init", true},
+      {6, "vput", true}, {9, "fput", true}, {5, "vget", false}, {19, "auth", false},
+      {8, "fget", false}, {17, "fcrc", true}, {32, "fget_priv", true},
+      {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
+      {21, "unknown", false}, {65, "unknown", false}, {-4, "unknown", false}};
+  // clang-format on
   for (const auto& r : rows) {
     EXPECT_STREQ(msgName(r.type), r.name) << r.type;
     EXPECT_EQ(msgAuthRequired(r.type), r.auth) << r.type;
@@ -71,21 +51,16 @@ TEST_F(KxCommTest, FramingBothWays) {
       .reply(MSG_TYPE_OK)
       .raw(FakeServer::header8(511 - kMsgCodeBias, 0));
   Conn k;
-  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-  ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "name", 5), 0);
-  int type = 0, len = 0;
-  char* body = nullptr;
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-  ASSERT_EQ(len, 100000);
-  EXPECT_EQ(std::string(body, len), big);
-  delete[] body;
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, MSG_TYPE_OK);
-  EXPECT_EQ(body, nullptr);
-  EXPECT_EQ(len, 0);
-  ASSERT_EQ(k.c->receive(&type, &body, &len), 0);
-  EXPECT_EQ(type, -1);  // code 511
+  OpenAndSend(srv, &k, MSG_TYPE_VGET, std::string("name\0", 5));
+  Got g = Receive(k.c);
+  ASSERT_EQ(g.rc, 0);
+  EXPECT_EQ(g.type, REPLY_TYPE_SEQ_COMMIT);
+  EXPECT_TRUE(g.body == big);
+  g = Receive(k.c);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type, g.len, g.nullBody),
+            std::make_tuple(0, int(MSG_TYPE_OK), 0, true));
+  g = Receive(k.c);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type), std::make_tuple(0, -1));  // code 511
   ASSERT_TRUE(srv.waitDone(2000));
   ASSERT_EQ(srv.greetings().size(), 1u);
   EXPECT_EQ(srv.greetings()[0].raw.size(), 64u);
@@ -105,14 +80,10 @@ TEST_F(KxCommTest, ForwardsStdoutAndStderrInOrder) {
       .reply(REPLY_TYPE_STDOUT, "three")
       .reply(REPLY_TYPE_UID, "U");
   Conn k;
-  ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-  ASSERT_EQ(k.c->send(MSG_TYPE_STATUS, nullptr, 0), 0);
-  int type = 0, len = 0;
-  char* body = nullptr;
-  ASSERT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), 0);
-  EXPECT_EQ(type, REPLY_TYPE_UID);
-  EXPECT_EQ(std::string(body, len), "U");
-  delete[] body;
+  OpenAndSend(srv, &k, MSG_TYPE_STATUS, "");
+  Got g = Receive(k.c, true);
+  EXPECT_EQ(std::make_tuple(g.rc, g.type, g.body),
+            std::make_tuple(0, int(REPLY_TYPE_UID), std::string("U")));
   rewind(f);
   char buf[64] = {};
   size_t n = fread(buf, 1, sizeof buf - 1, f);
@@ -120,76 +91,61 @@ TEST_F(KxCommTest, ForwardsStdoutAndStderrInOrder) {
   EXPECT_EQ(std::string(buf, n), "one two three");
 }
 
-TEST_F(KxCommTest, FailedReplyCarriesErrorCode) {
+// One reply each: what receive (or ReceiveErrCheck for "failed" replies) returns
+// and whether the connection is left broken.
+TEST_F(KxCommTest, ReceiveOutcomes) {
+  using Script = std::function<void(FakeServer&)>;
+  auto failed = [](const std::string& b) -> Script {
+    return [b](FakeServer& s) { s.reply(REPLY_TYPE_STDOUT, "").reply(MSG_TYPE_FAILED, b); };
+  };
+  auto header = [](unsigned int len) -> Script {
+    return [len](FakeServer& s) { s.header(REPLY_TYPE_SEQ_COMMIT, len); };
+  };
+  const int F = MSG_TYPE_FAILED, C = REPLY_TYPE_SEQ_COMMIT, kBad = E_BAD_MESSAGE;
   struct {
-    std::string body;
-    int rc;
+    const char* what;
+    Script script;
+    bool errCheck;
+    int rc, type, len;
+    bool broken;
   } cases[] = {
-      {std::string(1, '\x01'), 0},
-      {std::string(1, '\0'), -1},
-      {FakeServer::failedBody(152), 152},
-      {FakeServer::failedBody(819), 819},
-      {"", E_BAD_MESSAGE},                      // empty body
-      {std::string(1, '\xff'), E_BAD_MESSAGE},  // cut short
+      {"failed 01", failed(std::string(1, '\x01')), true, 0, F, 0, false},
+      {"failed 00", failed(std::string(1, '\0')), true, -1, F, 0, false},
+      {"failed 152", failed(FakeServer::failedBody(152)), true, 152, F, 0, false},
+      {"failed 819", failed(FakeServer::failedBody(819)), true, 819, F, 0, false},
+      {"failed empty", failed(""), true, kBad, F, 0, true},
+      {"failed cut short", failed(std::string(1, '\xff')), true, kBad, F, 0, true},
+      {"length limit + 1", header(8388609u), false, kBad, C, 0, true},
+      {"length 2^31", header(0x80000000u), false, kBad, C, 0, true},
+      {"length 2^32 - 1", header(0xFFFFFFFFu), false, kBad, C, 0, true},
+      {"length limit",
+       [](FakeServer& s) { s.reply(REPLY_TYPE_SEQ_COMMIT, std::string(8388608u, 'b')); }, false, 0,
+       C, 8388608, false},
+      {"truncated body", [](FakeServer& s) { s.truncated(REPLY_TYPE_SEQ_COMMIT, "0123456789", 4); },
+       false, E_CONN_SHUTDOWN, C, 0, true},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
     FakeServer srv;
-    srv.expect(MSG_TYPE_VGET).reply(REPLY_TYPE_STDOUT, "").reply(MSG_TYPE_FAILED, c.body);
+    c.script(srv.expect(MSG_TYPE_VGET));
     Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, "x", 1), 0);
-    int type = 0, len = 7;
-    char* body = nullptr;
-    EXPECT_EQ(ReceiveErrCheck(k.c, &type, &body, &len), c.rc) << c.rc;
-    EXPECT_EQ(type, MSG_TYPE_FAILED);
-    EXPECT_EQ(body, nullptr);
-    EXPECT_EQ(len, 0);
-    EXPECT_EQ(k.c->isBroken(), c.rc == E_BAD_MESSAGE);
+    OpenAndSend(srv, &k, MSG_TYPE_VGET, "x");
+    Got g = Receive(k.c, c.errCheck);
+    EXPECT_EQ(g.rc, c.rc);
+    EXPECT_EQ(g.type, c.type);
+    EXPECT_EQ(g.len, c.len);
+    EXPECT_EQ(g.nullBody, c.len == 0);
+    EXPECT_EQ(k.c->isBroken(), c.broken);
   }
-}
-
-TEST_F(KxCommTest, BodyLengthLimit) {
-  struct {
-    unsigned int len;
-    int rc;
-  } cases[] = {{8388609u, E_BAD_MESSAGE},
-               {0x80000000u, E_BAD_MESSAGE},
-               {0xFFFFFFFFu, E_BAD_MESSAGE},
-               {8388608u, 0}};
-  for (const auto& c : cases) {
-    FakeServer srv;
-    if (c.rc == 0) {
-      srv.expect(MSG_TYPE_VGET).reply(REPLY_TYPE_SEQ_COMMIT, std::string(c.len, 'b'));
-    } else {
-      srv.expect(MSG_TYPE_VGET).header(REPLY_TYPE_SEQ_COMMIT, c.len);
-    }
-    Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(k.c->receive(&type, &body, &len), c.rc) << c.len;
-    EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-    EXPECT_EQ(len, c.rc == 0 ? static_cast<int>(c.len) : 0);
-    EXPECT_EQ(k.c->isBroken(), c.rc != 0);
-    delete[] body;
-  }
-}
-
-TEST_F(KxCommTest, PeerCloseAndTruncatedBodyGive144) {
+  // A peer that closes instead of answering.
   FakeServer srv;
-  srv.expect(MSG_TYPE_VGET).truncated(REPLY_TYPE_SEQ_COMMIT, "0123456789", 4);
   srv.expect(MSG_TYPE_VGET).closeConn();
-  for (int i = 0; i < 2; i++) {
-    Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    ASSERT_EQ(k.c->send(MSG_TYPE_VGET, nullptr, 0), 0);
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(k.c->receive(&type, &body, &len), E_CONN_SHUTDOWN);
-    EXPECT_EQ(body, nullptr);
-    EXPECT_TRUE(k.c->isBroken());
-  }
+  Conn k;
+  OpenAndSend(srv, &k, MSG_TYPE_VGET, "");
+  Got g = Receive(k.c);
+  EXPECT_EQ(g.rc, E_CONN_SHUTDOWN);
+  EXPECT_TRUE(g.nullBody);
+  EXPECT_TRUE(k.c->isBroken());
 }
 
 TEST_F(KxCommTest, GreetingFailures) {
@@ -373,8 +329,8 @@ TEST_F(KxCommTest, SendReceiveByHostAndIpv6) {
   int type = 0, len = 0;
   char* body = nullptr;
   ASSERT_EQ(SendReceive("::1", srv.port(), MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), 0);
-  EXPECT_EQ(type, REPLY_TYPE_SEQ_COMMIT);
-  EXPECT_EQ(std::string(body, len), "answer");
+  EXPECT_EQ(std::make_tuple(type, std::string(body, len)),
+            std::make_tuple(int(REPLY_TYPE_SEQ_COMMIT), std::string("answer")));
   delete[] body;
   EXPECT_EQ(SendReceive("localhost", 0, MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), E_INVAL);
 }

@@ -2,8 +2,7 @@
 
 #include <string>
 
-#include "support/fakeserver.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/kxcomm.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
@@ -12,7 +11,7 @@
 namespace {
 
 // Node 1 is a fake server on 127.0.0.1, node 3 one on ::1, node 2 does not resolve.
-class NodeAddrTest : public ::testing::Test {
+class NodeAddrTest : public WireTest {
  protected:
   NodeAddrTest() : v6_(V6()) {}
   static FakeServer::Options V6() {
@@ -21,9 +20,8 @@ class NodeAddrTest : public ::testing::Test {
     return o;
   }
   void SetUp() override {
+    WireTest::SetUp();
     ResetZELIOForTest();
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
     Nodes nodes = {Node(1, "four", NodeLocation("127.0.0.1", v4_.port())),
                    Node(3, "six", NodeLocation("::1", v6_.port()))};
     ASSERT_EQ(SetNodeList(nodes, false), 0);
@@ -32,8 +30,8 @@ class NodeAddrTest : public ::testing::Test {
   }
   void TearDown() override {
     setSimulateNetworkDisconnect(false);
-    outConnectionCache.clear();
     ResetZELIOForTest();
+    WireTest::TearDown();
   }
   // Connects to the node and closes the connection again.
   int Reach(int nodeId) {

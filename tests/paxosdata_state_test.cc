@@ -3,29 +3,10 @@
 #include <string>
 
 #include "support/recordcheck.h"
+#include "support/samples.h"
 #include "zel/paxosdata.h"
 
 namespace {
-
-CommittedState SampleState() {
-  CommittedState s;
-  NodeDescriptor n;
-  n.id = 1;
-  n.slot = 0;
-  n.listen = true;
-  s.config.nodes.push_back(n);
-  s.config.disks = {7};
-  s.config.minNodes = 1;
-  s.cfgVersion = 3;
-  s.leaderId = 1;
-  s.leaderLeaseMS = 5000;
-  s.leaderVersion = 2;
-  s.updateList[UpdateStream{1, 2}] = 3;
-  s.valueList["a"] = ValueVersion{4, "x"};
-  s.fileList[5] = FileVersion(6, UpdateId(1, 2, 3), 0xDEADBEEF);
-  s.maxDeletedFileVersion = 1;
-  return s;
-}
 
 TEST(CommittedStateTest, GoldenBytesAndTexts) {
   CommittedState fresh;

@@ -6,13 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "support/fakeserver.h"
 #include "support/recordcheck.h"
-#include "zel/cachedcomm.h"
+#include "support/samples.h"
+#include "support/wiretest.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
@@ -22,15 +21,6 @@ constexpr unsigned long long kServerCid = 42;
 std::string V(long long v, int bias) {
   char b[MaxSizeVarUInt];
   return std::string(b, DumpVarUInt(b, v, bias));
-}
-
-CommittedState State() {
-  CommittedState s;
-  s.config.minNodes = 1;
-  s.cfgVersion = 2;
-  s.valueList["k"] = ValueVersion{1, "v"};
-  s.fileList[1] = FileVersion(3, UpdateId(1, 1, 1), 0xAB);
-  return s;
 }
 
 FileIdMap IdMap() {
@@ -59,19 +49,16 @@ struct Outcome {
   bool cached = false;
 };
 
-class PaxosReplyTest : public ::testing::Test {
+class PaxosReplyTest : public WireTest {
  protected:
   void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
-    zelClusterId = 0;
+    WireTest::SetUp();
     SetClientCacheFnForTest(RecordCache);
     cacheCalls.clear();
   }
   void TearDown() override {
-    outConnectionCache.clear();
     SetClientCacheFnForTest(nullptr);
-    KxSetTransferTimeouts(DefaultSendTimeoutMS, DefaultRecvTimeoutMS);
+    WireTest::TearDown();
   }
 
   // Sends a request to a fake server that answers with rawReply, decodes the
@@ -104,7 +91,7 @@ std::string Msg(int type, const std::string& body) {
 std::string Fields(const ZelReplyResult& r) {
   std::ostringstream os;
   os << "type=" << r.type << " seq=" << r.seq;
-  if (r.committed == State()) os << " state";
+  if (r.committed == SampleState()) os << " state";
   if (r.fileIdMap == IdMap()) os << " map";
   if (!r.uid.isNull()) os << " uid=" << r.uid;
   if (r.needFile) os << " needFile";
@@ -116,7 +103,7 @@ std::string Fields(const ZelReplyResult& r) {
 }
 
 TEST_F(PaxosReplyTest, EachReplyType) {
-  const std::string sb = Encode(State());
+  const std::string sb = Encode(SampleState());
   const std::string uid = Encode(UpdateId(1, 2, 3));
   struct {
     std::string bytes;
@@ -162,13 +149,13 @@ TEST_F(PaxosReplyTest, EachReplyType) {
     ASSERT_EQ(cacheCalls.size(), c.cacheSeq < 0 ? 0u : 1u);
     if (c.cacheSeq < 0) continue;
     EXPECT_EQ(cacheCalls[0].seq, c.cacheSeq);
-    EXPECT_EQ(cacheCalls[0].state, State());
+    EXPECT_EQ(cacheCalls[0].state, SampleState());
     EXPECT_EQ(cacheCalls[0].cid, kServerCid);
   }
 }
 
 TEST_F(PaxosReplyTest, MalformedBodiesBreakTheConnection) {
-  const std::string sb = Encode(State());
+  const std::string sb = Encode(SampleState());
   const std::string full50 = V(7, 0) + sb;
   const std::string uid = Encode(UpdateId(1, 2, 3));
   struct {

@@ -6,6 +6,7 @@
 #include <string>
 #include <tuple>
 
+#include "support/samples.h"
 #include "support/testutil.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
@@ -13,14 +14,6 @@
 #include "zel/zelutils.h"
 
 namespace {
-
-CommittedState SampleState() {
-  CommittedState s;
-  s.cfgVersion = 3;
-  s.valueList["a"] = ValueVersion{4, "x"};
-  s.fileList[1] = FileVersion(6, UpdateId(1, 2, 3), 0xDEADBEEF);
-  return s;
-}
 
 class PaxosFileTest : public ::testing::Test {
  protected:
@@ -131,7 +124,7 @@ TEST_F(PaxosFileTest, CommittedFilePathForms) {
   EXPECT_EQ(committedFilePath(fu), "/repo/committed/data.4.0.100.010203");
 
   CommittedState s = SampleState();
-  EXPECT_EQ(committedFilePath("zel.nodes", 1, s), "/repo/committed/zel.nodes.1.6.deadbeef.010203");
+  EXPECT_EQ(committedFilePath("zel.nodes", 5, s), "/repo/committed/zel.nodes.5.6.deadbeef.010203");
   EXPECT_EQ(committedFilePath("zel.disks", 2, s), "");
 }
 

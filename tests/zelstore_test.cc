@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -117,19 +118,18 @@ TEST_F(StoreTest, MissingDirectoriesGive811AndReadNothing) {
   EXPECT_FALSE(dirExists(base_ + "/cached"));
 }
 
-TEST_F(StoreTest, BadNodeLineStopsDiskRead) {
+// A bad node line fails the start-up and leaves the disk list unread; a
+// missing node file does not stop the disk list from being read.
+TEST_F(StoreTest, NodeFileProblems) {
   MakeRepo();
+  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n2,1,/dev/sdc\n");
   WriteFile(base_ + "/zel.nodes", "1,0,10.200.0.1,,a\nbroken\n2,0,10.200.0.2,,b\n");
-  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n");
   EXPECT_EQ(E_IO, Init());
   EXPECT_EQ(2u, GetNodeList().size());
   EXPECT_TRUE(GetNodeMap().empty());
   EXPECT_TRUE(getDiskMap().empty());
-}
-
-TEST_F(StoreTest, AbsentNodeFileStillReadsDiskFile) {
-  MakeRepo();
-  WriteFile(base_ + "/zel.disks", "1,0,/dev/sdb\n2,1,/dev/sdc\n");
+  Restart();
+  ASSERT_EQ(0, unlink((base_ + "/zel.nodes").c_str()));
   EXPECT_EQ(0, Init());
   EXPECT_EQ(2u, getDiskMap().size());
   EXPECT_EQ(1, getDiskMap()[2].old);
@@ -148,14 +148,10 @@ TEST_F(StoreTest, CreateModes) {
   EXPECT_FALSE(PathExists(base_ + "/committed/old"));  // the old tree was deleted
 }
 
-TEST_F(StoreTest, CreateModeOneRefusesExistingDirectory) {
+TEST_F(StoreTest, FatalStartUps) {
   MakeRepo();
   EXPECT_EXIT(InitZELIO(0, 1, true), ::testing::ExitedWithCode(1),
               "Directory .* already exists.\nDelete the directory first, or use -F option");
-}
-
-TEST_F(StoreTest, TwoLocalNodesOnOnePortAssert) {
-  MakeRepo();
   WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n");
   EXPECT_DEATH(InitZELIO(0, 0, true),
                "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");

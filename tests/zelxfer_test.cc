@@ -6,9 +6,8 @@
 
 #include <string>
 
-#include "support/fakeserver.h"
 #include "support/testutil.h"
-#include "zel/cachedcomm.h"
+#include "support/wiretest.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
@@ -26,14 +25,16 @@ unsigned int Cksum(const std::string& s) {
                   s.size());
 }
 
-class ZelXferTest : public ::testing::Test {
+class ZelXferTest : public WireTest {
  protected:
-  void SetUp() override {
-    KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
+  void TearDown() override {
+    delete conn_;
+    WireTest::TearDown();
   }
-  void TearDown() override { delete conn_; }
+  // Replaces the test's connection with a new one to srv.
   Connection* connect(const FakeServer& srv) {
+    delete conn_;
+    conn_ = nullptr;
     EXPECT_EQ(connectTo(srv.addr(), &conn_, 2000), 0);
     return conn_;
   }
@@ -64,8 +65,6 @@ TEST_F(ZelXferTest, SendFileChunksAndCrc) {
     EXPECT_TRUE(files[0].crcOk);
     EXPECT_EQ(files[0].crcSent, Cksum(data));
     EXPECT_EQ(srv.messagesOfType(MSG_TYPE_FDATA).size(), c.chunks) << c.size;
-    delete conn_;
-    conn_ = nullptr;
   }
 }
 
@@ -94,8 +93,6 @@ TEST_F(ZelXferTest, ReceiveFileSizes) {
     EXPECT_FALSE(localErr);
     EXPECT_EQ(crc, Cksum(data));
     EXPECT_TRUE(ReadFile(target) == data) << size;
-    delete conn_;
-    conn_ = nullptr;
   }
   EXPECT_EQ(ListDir(dir_.path()).size(), 4u);  // no temporary file left
 }
@@ -126,8 +123,6 @@ TEST_F(ZelXferTest, BadCrcOrProtocolLeavesNothing) {
     EXPECT_EQ(receiveFile(k, dir_.file("t"), 11, false, &crc, &localErr, true), c.rc) << c.what;
     EXPECT_FALSE(localErr) << c.what;
     EXPECT_TRUE(ListDir(dir_.path()).empty()) << c.what;
-    delete conn_;
-    conn_ = nullptr;
   }
 }
 
@@ -168,8 +163,6 @@ TEST_F(ZelXferTest, CrcNamingReplacesLastDotZeroDot) {
     struct stat st;
     ASSERT_EQ(stat(target.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);  // private
-    delete conn_;
-    conn_ = nullptr;
   }
 }
 

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <thread>
+
 LoopbackPair::LoopbackPair() {
   int lfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (lfd < 0) return;
@@ -55,4 +57,21 @@ std::string RecvExactly(int fd, size_t n, int timeoutMs) {
 bool HasPendingByte(int fd) {
   char c;
   return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
+PairResult RunPair(const std::function<int(int sock)>& client,
+                   const std::function<int(int sock)>& server) {
+  PairResult r;
+  LoopbackPair p;
+  if (!p.ok()) return r;
+  std::thread th([&] { r.server = server(p.server); });
+  r.client = client(p.client);
+  if (r.client != 0) shutdown(p.client, SHUT_RDWR);  // do not leave the server waiting
+  th.join();
+  if (r.client == 0 && r.server == 0) {
+    r.plainFlows = SendAll(p.client, "hdr+body") && RecvExactly(p.server, 8, 5000) == "hdr+body" &&
+                   SendAll(p.server, "reply") && RecvExactly(p.client, 5, 5000) == "reply" &&
+                   !HasPendingByte(p.server) && !HasPendingByte(p.client);
+  }
+  return r;
 }

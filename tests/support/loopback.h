@@ -2,6 +2,7 @@
 #ifndef TESTS_SUPPORT_LOOPBACK_H
 #define TESTS_SUPPORT_LOOPBACK_H
 
+#include <functional>
 #include <string>
 
 struct LoopbackPair {
@@ -18,5 +19,16 @@ bool SendAll(int fd, const std::string& text);
 std::string RecvExactly(int fd, size_t n, int timeoutMs);
 // Whether a byte is waiting on the socket right now.
 bool HasPendingByte(int fd);
+
+struct PairResult {
+  int client = -1;
+  int server = -1;
+  bool plainFlows = false;
+};
+
+// Runs server on a thread and client here, each on its end of a fresh pair;
+// when both return 0, plain bytes must then pass both ways and nothing else.
+PairResult RunPair(const std::function<int(int sock)>& client,
+                   const std::function<int(int sock)>& server);
 
 #endif  // TESTS_SUPPORT_LOOPBACK_H

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -19,6 +20,15 @@ inline std::string Hex(const std::string& b) {
     s += t;
   }
   return s;
+}
+
+// "010aff"
+inline std::string HexLower(const std::string& b) {
+  std::string s = Hex(b);
+  std::string out;
+  for (char c : s)
+    if (c != ' ') out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return out;
 }
 
 // dump into a buffer of exactly getSize() bytes, checking the end pointer.

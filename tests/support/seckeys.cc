@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <mutex>
 #include <vector>
 
 #include "testutil.h"
@@ -51,4 +52,21 @@ bool MakeTestKey(const std::string& dir, const std::string& name, TestKey* out) 
   out->certPem = ReadFile(out->certPath);
   WriteFile(out->bothPath, ReadFile(out->keyPath) + out->certPem);
   return out->pubPem.find("BEGIN PUBLIC KEY") != std::string::npos;
+}
+
+const TestKey* SharedTestKey(int i) {
+  static std::mutex mu;
+  static TempDir* dir = new TempDir;  // kept until exit, like the keys
+  static TestKey* keys[4] = {};
+  if (i < 0 || i >= 4) return nullptr;
+  std::lock_guard<std::mutex> g(mu);
+  if (keys[i] == nullptr) {
+    TestKey* k = new TestKey;
+    if (!MakeTestKey(dir->path(), "shared" + std::to_string(i), k)) {
+      delete k;
+      return nullptr;
+    }
+    keys[i] = k;
+  }
+  return keys[i];
 }

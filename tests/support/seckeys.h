@@ -21,4 +21,8 @@ std::string SecTestSkipReason();
 // Makes an EC P-256 key and certificate named name in dir.
 bool MakeTestKey(const std::string& dir, const std::string& name, TestKey* out);
 
+// Key number i (0 to 3), made on first use and kept for the whole process; null
+// when it cannot be made.
+const TestKey* SharedTestKey(int i);
+
 #endif  // TESTS_SUPPORT_SECKEYS_H
