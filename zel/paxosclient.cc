@@ -246,6 +246,7 @@ int PaxosDiscover() {
     if (err != 0) return err;
     Nodes nodes;
     err = readNodeList(path, &nodes);
+    if (err == 0 && nodes.empty()) err = E_BAD_MESSAGE;  // would leave no server to ask
     if (err != 0) return err;
     SetNodeList(nodes, r.storeState);
     if (r.storeState) {
@@ -285,5 +286,5 @@ void updateClientCache(int seq, const CommittedState& committed, unsigned long l
   trace(4, "checkLocalNodesFile: cache stale; pulling %s", fv.uid.toString().c_str());
   if (!pullNodesFile(fv, path)) return;
   Nodes nodes;
-  if (readNodeList(path, &nodes) == 0) SetNodeList(nodes, true);
+  if (readNodeList(path, &nodes) == 0 && !nodes.empty()) SetNodeList(nodes, true);
 }
