@@ -72,9 +72,6 @@ TEST_F(CliTest, PendingHandlersRunAfterStartUp) {
     std::string err;
   } cases[] = {
       // clang-format off
-      // Extra words after flist are ignored.
-      {{"flist", "a", "b"}, BaseLine(), NotAvailable("flist")},
-      {{"vput", "-c", "5", "name", "value"}, BaseLine(), NotAvailable("vput")},
       {{"echo", "1", "2", "3"}, "", NotAvailable("echo")},
       {{"init", "-D", "", "-n", "h"},
        "",
