@@ -112,6 +112,11 @@ bool pullNodesFile(const FileVersion& fv, const std::string& path) {
 
 const char kNodesFileName[] = "zel.nodes";
 
+std::string stateText(int level, const CommittedState& committed) {
+  if (level > traceLevel && level > traceFlags) return std::string();
+  return committed.toString();
+}
+
 void releaseConnection(Connection* conn) {
   if (useCachedConnections) {
     outConnectionCache.addConnectionToMap(conn);
@@ -169,7 +174,7 @@ int PaxosInit() {
     cfgVersion = committed.cfgVersion;
     nlVersion = fileOneVersion(committed);
     std::ostringstream nl;
-    nl << committed.config.nodes;
+    if (4 <= traceLevel || 4 <= traceFlags) nl << committed.config.nodes;
     trace(4, "PaxosInit nl: '%s' nl ver: %d config ver: %d ", nl.str().c_str(), nlVersion,
           cfgVersion);
   }
@@ -260,7 +265,7 @@ int PaxosDiscover() {
     retry->reset();
     return 0;
   });
-  trace(4, "discover() returned  seq %d %s", seq, committed.toString().c_str());
+  trace(4, "discover() returned  seq %d %s", seq, stateText(4, committed).c_str());
   return rc;
 }
 

@@ -11,6 +11,9 @@
 constexpr int kNodesFileId = 1;
 extern const char kNodesFileName[];
 
+// The state's text for a trace line of level, built only when it is printed.
+std::string stateText(int level, const CommittedState& committed);
+
 // The cache hand-off of replies (updateClientCache unless a test replaced it).
 void clientCacheUpdate(int seq, const CommittedState& committed, unsigned long long clusterId);
 

@@ -34,7 +34,7 @@ int PaxosValueGet(int* seq, CommittedState* committed) {
     *committed = std::move(r.committed);
     return 0;
   });
-  trace(4, "vget() returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "vget() returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -53,7 +53,7 @@ int PaxosFileList(int* seq, CommittedState* committed, FileIdMap* fileIdMap) {
     *fileIdMap = std::move(r.fileIdMap);
     return 0;
   });
-  trace(4, "flist() returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "flist() returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -91,6 +91,6 @@ int PaxosFileGet(const std::string& name, const std::string& localPath, int* seq
     *committed = std::move(r.committed);
     return 0;
   });
-  trace(4, "fget() returned fid %d seq %d %s", *fileId, *seq, committed->toString().c_str());
+  trace(4, "fget() returned fid %d seq %d %s", *fileId, *seq, stateText(4, *committed).c_str());
   return rc;
 }

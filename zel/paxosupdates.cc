@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "zel/paxosclient.h"
+#include "zel/paxosclient_int.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
@@ -108,7 +109,7 @@ int PaxosValuePut(const std::string& name, const std::string& value, int* seq,
       return DumpVarUInt(p, newVersion, -1);
     });
   });
-  trace(4, "VPUT returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "VPUT returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -121,7 +122,7 @@ int PaxosValueDel(const std::string& name, int* seq, CommittedState* committed, 
       return DumpVarUInt(p, condVersion, -1);
     });
   });
-  trace(4, "VDEL returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "VDEL returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -145,7 +146,7 @@ int PaxosFilePut(const std::string& name, const std::string& localPath, int* seq
                      return DumpVarUInt(p, newVersion, -1);
                    });
                  });
-  trace(4, "FPUT returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "FPUT returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -158,7 +159,7 @@ int PaxosFileDel(const std::string& name, int* seq, CommittedState* committed, i
       return DumpVarUInt(p, condVersion, -1);
     });
   });
-  trace(4, "FDEL returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "FDEL returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
 
@@ -182,6 +183,6 @@ int PaxosSetConfig(const NodeList* nodes, const DiskList* disks, int minNodes, i
       return DumpVarUInt(p, condVersion, -1);
     });
   });
-  trace(4, "CONFIG returned %d %s", *seq, committed->toString().c_str());
+  trace(4, "CONFIG returned %d %s", *seq, stateText(4, *committed).c_str());
   return rc;
 }
