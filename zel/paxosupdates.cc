@@ -19,11 +19,8 @@ constexpr int kMaxUidReplies = 16;
 
 // A reply the exchange does not allow: an assertion with the debug switch on,
 // else the connection is dropped with 818.
-int badReply(Connection* conn, const char* text, int type) {
-  if (zelDebugAsserts) {
-    std::string what = assert_msg("%s (reply %d)", text, type);
-    assert_failed(__FILE__, __LINE__, what.c_str());
-  }
+int badReply(Connection* conn, const char* cond, int type) {
+  if (zelDebugAsserts) assert_failed(__FILE__, __LINE__, cond, "unexpected reply %d", type);
   trace(1, "doUpdateRequest: unexpected reply %d '%s'", type, msgName(type));
   conn->setBroken();
   return E_BAD_MESSAGE;
