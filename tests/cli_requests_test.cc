@@ -64,8 +64,9 @@ TEST_F(CliRequestsTest, PrintingAndExitStatuses) {
       "  version  name                 value\n"
       "---------  -------------------- --------------------------------------------\n"
       "        4  alpha                \"x y\"\n        2  empty                \"\"\n";
-  const std::string flist = "  version  name\n---------  --------------------\n"
-                            "        0  zel.nodes           \n        3  data                \n";
+  const std::string flist =
+      "  version  name\n---------  --------------------\n"
+      "        0  zel.nodes           \n        3  data                \n";
   // clang-format off
   struct {
     std::vector<std::string> args;
