@@ -173,10 +173,13 @@ TEST_F(RequestTest, ServerOrderFollowsScores) {
 
 // Each update: exact body, "uid", "ok", "seq_commit".
 TEST_F(RequestTest, UpdateBodiesAndExchange) {
+  const std::string path = dir_.file("local"), uid = Encode(UpdateId(1, 2, 3));
+  WriteFile(path, "abc");
   struct {
     int type;
     std::string body;
     std::function<int(int*, CommittedState*)> call;
+    int uidType = REPLY_TYPE_UID;
   } cases[] = {
       // clang-format off
       {MSG_TYPE_VPUT, S("n") + S("val") + V(-1, -1) + V(-1, -1), [](int* q, CommittedState* s) { return PaxosValuePut("n", "val", q, s, -1, -1); }},
@@ -186,16 +189,26 @@ TEST_F(RequestTest, UpdateBodiesAndExchange) {
       // Quorum size only: both change flags clear, empty lists.
       {MSG_TYPE_CONFIG, std::string(2, '\0') + Encode(NodeList()) + Encode(DiskList()) + V(3, -1) + V(-1, -1),
        [](int* q, CommittedState* s) { return PaxosSetConfig(nullptr, nullptr, 3, -1, q, s); }},
+      // The server has the contents already: only "ok" follows.
+      {MSG_TYPE_FPUT, S("f") + V(3, -1) + V(2, -1) + V(-1, -1),
+       [&](int* q, CommittedState* s) { return PaxosFilePut("f", path, q, s, 2, -1); }, REPLY_TYPE_UID_FPUT},
       // clang-format on
   };
   for (const auto& c : cases) {
     MakeServers(1);
-    srv_[0]->expect(c.type, kZeroUid + c.body).reply(REPLY_TYPE_UID, Encode(UpdateId(1, 2, 3)));
+    std::string u = uid + (c.uidType == REPLY_TYPE_UID_FPUT ? std::string(1, '\0') : "");
+    srv_[0]->expect(c.type, kZeroUid + c.body).reply(c.uidType, u);
     srv_[0]->expect(MSG_TYPE_OK, "").reply(REPLY_TYPE_SEQ_COMMIT, Commit(8, State()));
     int seq = 0;
     CommittedState st;
     EXPECT_TRUE(c.call(&seq, &st) == 0 && seq == 8 && st == State()) << c.type;
   }
+  // A local file that is not there: no server is asked.
+  connects.clear();
+  int seq = 0;
+  CommittedState st;
+  EXPECT_EQ(PaxosFilePut("f", dir_.file("absent"), &seq, &st, -1, -1), ENOENT);
+  EXPECT_TRUE(connects.empty());
 }
 
 TEST_F(RequestTest, RetriedUpdateCarriesTheAssignedId) {
@@ -208,22 +221,6 @@ TEST_F(RequestTest, RetriedUpdateCarriesTheAssignedId) {
   CommittedState st;
   EXPECT_EQ(PaxosValuePut("n", "v", &seq, &st, -1, -1), 0);
   EXPECT_EQ(seq, 2);
-}
-
-TEST_F(RequestTest, FilePutWithoutNeedOrFile) {
-  const std::string path = dir_.file("local");
-  WriteFile(path, "abc");
-  MakeServers(1);
-  srv_[0]
-      ->expect(MSG_TYPE_FPUT, kZeroUid + S("f") + V(3, -1) + V(2, -1) + V(-1, -1))
-      .reply(REPLY_TYPE_UID_FPUT, Encode(UpdateId(1, 1, 9)) + std::string(1, '\0'));
-  srv_[0]->expect(MSG_TYPE_OK, "").reply(REPLY_TYPE_SEQ_COMMIT, Commit(5, State()));
-  int seq = 0;
-  CommittedState cs;
-  EXPECT_EQ(PaxosFilePut("f", path, &seq, &cs, 2, -1), 0);
-  EXPECT_EQ(PaxosFilePut("f", dir_.file("absent"), &seq, &cs, -1, -1), ENOENT);
-  EXPECT_TRUE(srv_[0]->waitDone(3000));
-  EXPECT_EQ(srv_[0]->connections(), 1);
 }
 
 // Private names use "fget_priv"; a corrupted transfer leaves no file and the
