@@ -72,9 +72,6 @@ TEST_F(CliTest, PendingHandlersRunAfterStartUp) {
     std::string err;
   } cases[] = {
       // clang-format off
-      // Extra words after flist are ignored.
-      {{"flist", "a", "b"}, BaseLine(), NotAvailable("flist")},
-      {{"vput", "-c", "5", "name", "value"}, BaseLine(), NotAvailable("vput")},
       {{"echo", "1", "2", "3"}, "", NotAvailable("echo")},
       {{"init", "-D", "", "-n", "h"},
        "",
@@ -111,20 +108,20 @@ bool Contains(const std::string& hay, const std::string& needle) {
 }
 
 TEST_F(CliTest, ReadsListsAndFindsOwnNode) {
-  RunResult r = Run({"show"}, {{"ZEL_DEBUG", "4"}});
+  RunResult r = Run({"dump"}, {{"ZEL_DEBUG", "4"}});
   EXPECT_EQ(149, r.exitStatus);
-  EXPECT_TRUE(Contains(r.err, "called: '" + std::string(KxzelTestBin()) + " show'\n")) << r.err;
+  EXPECT_TRUE(Contains(r.err, "called: '" + std::string(KxzelTestBin()) + " dump'\n")) << r.err;
   EXPECT_TRUE(Contains(r.err, "readNodeList('" + base_ + "/zel.nodes') size 2 nErr 0\n"));
   EXPECT_TRUE(Contains(r.err, "readDiskList('" + base_ + "/zel.disks') size 1 nErr 0\n"));
   EXPECT_TRUE(Contains(r.err, "zelio init: ip=127.0.0.1 port=1191 node=1\n")) << r.err;
   EXPECT_TRUE(PathExists(base_ + "/cached"));
 
   // Four -V give the same detail without ZEL_DEBUG.
-  r = Run({"show", "-VVVV"});
+  r = Run({"dump", "-VVVV"});
   EXPECT_TRUE(Contains(r.err, "zelNodeId: 1\n")) << r.err;
 
   WriteFile(base_ + "/zel.nodes", "1,0,10.200.0.1,,far\n4,0,127.0.0.1,7000,self\n");
-  r = Run({"show"}, {{"ZEL_DEBUG", "4"}, {"ZEL_PORT", "7000"}});
+  r = Run({"dump"}, {{"ZEL_DEBUG", "4"}, {"ZEL_PORT", "7000"}});
   EXPECT_TRUE(Contains(r.err, "zelio init: ip=127.0.0.1 port=7000 node=4\n")) << r.err;
 }
 

@@ -3,7 +3,10 @@
 #ifndef ZEL_PAXOSCLIENT_H
 #define ZEL_PAXOSCLIENT_H
 
+#include <functional>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "zel/kxcomm.h"
 #include "zel/paxosdata.h"
@@ -12,6 +15,24 @@
 // (set by PaxosInit; 0 until then).
 extern int cfgVersion;
 extern int nlVersion;
+// Node ids of the candidate servers, in the order they are tried (PaxosInit).
+extern std::vector<int> serverIds;
+// Back-off factors from this one on end a request (16: five rounds).
+extern int maxRetryTime;
+
+// Orders node ids by score, highest first; an id without a score has 0.
+class ServerCompare {
+ public:
+  std::map<int, int> scores;
+  int score(int id) const;
+  bool operator()(int a, int b) const { return score(a) > score(b); }
+};
+
+// Orders serverIds from the local node list and the cached committed state:
+// this node, listening nodes, other configured nodes, unknown ones; random
+// order within a class. Sets cfgVersion and nlVersion. Returns the state
+// file's load error (the list then stays in node-list order).
+int PaxosInit();
 
 // Retry state of one request.
 class ClientRetry {
@@ -19,6 +40,10 @@ class ClientRetry {
   explicit ClientRetry(const std::string& requestName) : name(requestName) {}
   // Back to the start state, keeping the name.
   void reset();
+  // Whether to make one more attempt after one that ended with err; if so,
+  // pauses as the round asks and sets server. 720 and 315 end the request
+  // once every server has been tried.
+  bool nextTry(int err);
 
   std::string name;             // names the request in messages
   bool active = true;           // false once the request is complete
@@ -53,6 +78,47 @@ struct ZelReplyResult {
 // Hands decoded 50/51/53 states to the cache. The body is always freed.
 int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result);
 
+// One attempt of a request on a connected server: sends the request, receives
+// and decodes the reply, and switches retry off when the request is complete.
+using PaxosAttemptFn = std::function<int(Connection* conn, ClientRetry* retry)>;
+// The request loop shared by every request: attempts on serverIds in turn with
+// back-off. The last attempt's error once the request is complete; when the
+// attempts run out, the first recorded error, else 801.
+int PaxosRequest(const char* name, const PaxosAttemptFn& attempt);
+
+// Asks a server for the current node list and committed state; makes them the
+// client's. A reply that only refreshed the node list starts over.
+int PaxosDiscover();
+
+// Fetches the repository's committed state (vget, vlist, show).
+int PaxosValueGet(int* seq, CommittedState* committed);
+// Fetches the committed state and the names of the stored files.
+int PaxosFileList(int* seq, CommittedState* committed, FileIdMap* fileIdMap);
+// Fetches the file name into localPath (complete and checked, or not written).
+// version -1 is unconditional; otherwise the server may refuse a match (806).
+int PaxosFileGet(const std::string& name, const std::string& localPath, int* seq,
+                 CommittedState* committed, int* fileId, int version);
+
+// Updates. condVersion -1: unconditional; newVersion -1: the server chooses.
+// One update id is kept across every attempt, so a retry never applies twice.
+int PaxosValuePut(const std::string& name, const std::string& value, int* seq,
+                  CommittedState* committed, int condVersion, int newVersion);
+int PaxosValueDel(const std::string& name, int* seq, CommittedState* committed, int condVersion);
+int PaxosFilePut(const std::string& name, const std::string& localPath, int* seq,
+                 CommittedState* committed, int condVersion, int newVersion);
+int PaxosFileDel(const std::string& name, int* seq, CommittedState* committed, int condVersion);
+// Proposes a new node list and/or disk list (null: unchanged) and quorum size
+// (negative: unchanged).
+int PaxosSetConfig(const NodeList* nodes, const DiskList* disks, int minNodes, int condVersion,
+                   int* seq, CommittedState* committed);
+
+// The update exchange on one connection: sends the body, answers "uid" and
+// "uid_fput" (sending localPath of fileSize bytes when asked) with "ok", and
+// ends with "seq_commit". *uid takes the identifier the server assigns.
+int doUpdateRequest(Connection* conn, int mt, const char* body, int len, UpdateId* uid,
+                    ClientRetry* retry, int* seq, CommittedState* committed,
+                    const std::string& localPath, int fileSize);
+
 // Stores a server's committed state in the local state file when it is newer
 // than the client's and then fetches a newer node list.
 void updateClientCache(int seq, const CommittedState& committed, unsigned long long clusterId);
@@ -62,5 +128,10 @@ void updateClientCache(int seq, const CommittedState& committed, unsigned long l
 using ClientCacheFn = void (*)(int seq, const CommittedState& committed,
                                unsigned long long clusterId);
 ClientCacheFn SetClientCacheFnForTest(ClientCacheFn fn);
+
+// Test seam: replaces how request attempts connect to a server by node id
+// (nullptr restores connectTo); returns the previous one.
+using ServerConnectFn = int (*)(int nodeId, Connection** out, int timeoutMs);
+ServerConnectFn SetServerConnectFnForTest(ServerConnectFn fn);
 
 #endif  // ZEL_PAXOSCLIENT_H

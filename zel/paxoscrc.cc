@@ -12,6 +12,7 @@
 #include "zel/paxosutils.h"
 
 #if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
 #include <immintrin.h>
 #define ZEL_CRC_X86 1
 #endif
@@ -109,10 +110,13 @@ unsigned int PartialCrcSlicing8(const unsigned char* p, unsigned long len, unsig
 
 #ifdef ZEL_CRC_X86
 
+// One CPUID leaf rather than the compiler's feature probe: that probe links a
+// start-up constructor issuing many CPUIDs, each costly under virtualisation.
 bool PartialCrcPclmulAvailable() {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1") &&
-         __builtin_cpu_supports("ssse3");
+  unsigned int a = 0, b = 0, c = 0, d = 0;
+  if (__get_cpuid(1, &a, &b, &c, &d) == 0) return false;
+  const unsigned int need = bit_PCLMUL | bit_SSE4_1 | bit_SSSE3;
+  return (c & need) == need;
 }
 
 ZEL_CRC_TARGET unsigned int PartialCrcPclmul(const unsigned char* p, unsigned long len,

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "zel/paxosclient.h"
+#include "zel/paxosclient_int.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
@@ -81,6 +82,10 @@ void ClientRetry::reset() {
   attempt = 0;
   server = -1;
   connected = false;
+}
+
+void clientCacheUpdate(int seq, const CommittedState& committed, unsigned long long clusterId) {
+  cacheFn(seq, committed, clusterId);
 }
 
 ClientCacheFn SetClientCacheFnForTest(ClientCacheFn fn) {

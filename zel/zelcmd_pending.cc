@@ -16,15 +16,6 @@ int notAvailable(const ZelSettings& s) {
 
 }  // namespace
 
-// Not yet available: server discovery (no candidate ordering yet).
-int PaxosInit() {
-  return 0;
-}
-
-// TEMPORARY, not yet available: the client cache update. Until it lands, states
-// that servers send are not stored and no newer node list is fetched.
-void updateClientCache(int, const CommittedState&, unsigned long long) {}
-
 // Not yet available.
 int SetupCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
@@ -56,61 +47,11 @@ int ChDisksCommand(const ZelSettings& s, const ZelArgs&) {
 }
 
 // Not yet available.
-int VlistCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int VgetCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int VputCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int VdelCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int FlistCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int FgetCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int FputCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int FdelCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
 int ConfigCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
 }
 
 // Not yet available.
-int RefreshCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
 int DebugCommand(const ZelSettings& s, const ZelArgs&) {
-  return notAvailable(s);
-}
-
-// Not yet available.
-int ShowCommand(const ZelSettings& s, const ZelArgs&) {
   return notAvailable(s);
 }

@@ -1,0 +1,212 @@
+// Whole-process time of `kxzel-testinstall vget NAME` against a minimal local
+// server whose committed state holds 1,000 values; the client's cached state
+// file holds the same state. The median of 200 runs is the counter median_us.
+// The executable is found next to the bench directory, or named by KXZEL_BIN.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zel/kxcomm.h"
+#include "zel/paxosdata.h"
+#include "zel/paxosutils.h"
+#include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
+#include "zel/zelutils.h"
+
+extern char** environ;
+
+namespace {
+
+CommittedState BenchState() {
+  CommittedState s;
+  s.cfgVersion = 1;
+  NodeDescriptor n;
+  n.id = 1;
+  n.listen = true;
+  s.config.nodes.push_back(n);
+  s.config.minNodes = 1;
+  s.fileList[1] = FileVersion(1, UpdateId(1, 1, 1), 0x1234);
+  for (int i = 0; i < 1000; i++) {
+    s.valueList["name" + std::to_string(i)] = ValueVersion{i + 1, "value " + std::to_string(i)};
+  }
+  return s;
+}
+
+bool readAll(int fd, char* p, size_t n) {
+  while (n > 0) {
+    ssize_t got = recv(fd, p, n, 0);
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+bool sendMsg(int fd, int type, const std::string& body) {
+  std::string m(8, '\0');
+  DumpUInt32(&m[0], static_cast<unsigned int>(body.size()));
+  unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
+  m[4] = static_cast<char>(code >> 8);
+  m[5] = static_cast<char>(code);
+  m += body;
+  return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(m.size());
+}
+
+// Greeting, then "vget" -> "seq_commit" and "eor" -> "eor" until the client closes.
+void serveConn(int fd, const std::string& commit) {
+  char hdr[28];
+  if (!readAll(fd, hdr, sizeof hdr)) return;
+  unsigned int len = 0;
+  LoadUInt32(hdr + 20, hdr + sizeof hdr, &len);
+  for (int i = 0; len != 0 && i < 8 && len < 65536; i++) {
+    std::string rec(len, '\0');
+    if (!readAll(fd, &rec[0], len)) return;
+    LoadUInt32(rec.data() + 4, rec.data() + len, &len);
+  }
+  char answer[20] = {};
+  DumpUInt32(answer, kGreetingMagic);
+  if (send(fd, answer, sizeof answer, MSG_NOSIGNAL) != sizeof answer) return;
+  for (;;) {
+    char h[8];
+    if (!readAll(fd, h, sizeof h)) return;
+    unsigned int bodyLen = 0;
+    LoadUInt32(h, h + 8, &bodyLen);
+    int type =
+        ((static_cast<unsigned char>(h[4]) << 8) | static_cast<unsigned char>(h[5])) - kMsgCodeBias;
+    std::string body(bodyLen, '\0');
+    if (bodyLen > (1u << 20) || !readAll(fd, &body[0], bodyLen)) return;
+    if (!sendMsg(fd, type == MSG_TYPE_VGET ? REPLY_TYPE_SEQ_COMMIT : REPLY_TYPE_EOR,
+                 type == MSG_TYPE_VGET ? commit : std::string()))
+      return;
+  }
+}
+
+struct Server {
+  int lfd = -1;
+  int port = 0;
+  std::atomic<bool> stop{false};
+  std::thread thread;
+
+  explicit Server(const std::string& commit) {
+    lfd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sa;
+    bind(lfd, reinterpret_cast<sockaddr*>(&sa), len);
+    listen(lfd, 16);
+    getsockname(lfd, reinterpret_cast<sockaddr*>(&sa), &len);
+    port = ntohs(sa.sin_port);
+    thread = std::thread([this, commit] {
+      while (!stop) {
+        pollfd p = {lfd, POLLIN, 0};
+        if (poll(&p, 1, 100) <= 0) continue;
+        int fd = accept(lfd, nullptr, nullptr);
+        if (fd < 0) continue;
+        serveConn(fd, commit);
+        close(fd);
+      }
+    });
+  }
+  ~Server() {
+    stop = true;
+    thread.join();
+    close(lfd);
+  }
+};
+
+std::string clientPath() {
+  if (const char* env = getenv("KXZEL_BIN")) return env;
+  char self[4096];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string dir(self, n > 0 ? static_cast<size_t>(n) : 0);
+  dir = dir.substr(0, dir.rfind('/'));  // bench/
+  return dir.substr(0, dir.rfind('/')) + "/kxzel-testinstall";
+}
+
+void BM_VgetProcess(benchmark::State& state) {
+  const CommittedState committed = BenchState();
+  std::string commit(MaxSizeVarUInt + committed.getSize(), '\0');
+  char* e = DumpVarUInt(&commit[0], 5, 0);
+  e = committed.dump(e);
+  commit.resize(static_cast<size_t>(e - commit.data()));
+  Server srv(commit);
+
+  char tmpl[] = "/tmp/kxzel-bench-XXXXXX";
+  const std::string base = std::string(mkdtemp(tmpl)) + "/repo";
+  mkdir(base.c_str(), 0755);
+  mkdir((base + "/committed").c_str(), 0755);
+  mkdir((base + "/cached").c_str(), 0755);
+  std::string nodes = "1,0,127.0.0.1," + std::to_string(srv.port) + ",a\n";
+  FILE* f = fopen((base + "/zel.nodes").c_str(), "w");
+  fputs(nodes.c_str(), f);
+  fclose(f);
+  zelPaxosLFDClientPath = base + "/cached/zel.paxos";
+  storePFDToFile(5, committed);
+
+  const std::string bin = clientPath(), envBase = "ZEL_BASE=" + base;
+  std::vector<char*> env;
+  for (char** p = environ; *p != nullptr; p++) {
+    if (strncmp(*p, "ZEL_", 4) != 0) env.push_back(*p);
+  }
+  env.push_back(const_cast<char*>(envBase.c_str()));
+  env.push_back(nullptr);
+  char* argv[] = {const_cast<char*>(bin.c_str()), const_cast<char*>("vget"),
+                  const_cast<char*>("name500"), nullptr};
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+  if (const char* hold = getenv("KXZEL_BENCH_HOLD")) {
+    // For profiling by hand: the server and installation stay up this long.
+    fprintf(stderr, "ZEL_BASE=%s; server port %d\n", base.c_str(), srv.port);
+    sleep(static_cast<unsigned int>(atoi(hold)));
+  }
+  double cpuUs = 0;
+  std::vector<double> runs;
+  for (auto _ : state) {
+    pid_t pid = 0;
+    int status = -1;
+    struct rusage ru = {};
+    auto start = std::chrono::steady_clock::now();
+    if (posix_spawn(&pid, bin.c_str(), &fa, nullptr, argv, env.data()) != 0 ||
+        wait4(pid, &status, 0, &ru) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      state.SkipWithError("kxzel-testinstall vget failed");
+      break;
+    }
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    state.SetIterationTime(secs);
+    runs.push_back(secs * 1e6);
+    cpuUs += ru.ru_utime.tv_sec * 1e6 + ru.ru_utime.tv_usec + ru.ru_stime.tv_sec * 1e6 +
+             ru.ru_stime.tv_usec;
+  }
+  if (!runs.empty()) {
+    std::sort(runs.begin(), runs.end());
+    state.counters["median_us"] = runs[runs.size() / 2];
+    // The client's own CPU time (user + system), less sensitive to a busy machine.
+    state.counters["client_cpu_us"] = cpuUs / static_cast<double>(runs.size());
+  }
+  posix_spawn_file_actions_destroy(&fa);
+  std::string rm = "/bin/rm -rf '" + base.substr(0, base.rfind('/')) + "'";
+  if (system(rm.c_str()) != 0) state.SkipWithError("clean-up failed");
+}
+BENCHMARK(BM_VgetProcess)->Unit(benchmark::kMicrosecond)->Iterations(200)->UseManualTime();
+
+}  // namespace
