@@ -9,10 +9,6 @@
 
 namespace {
 
-std::string NotAvailable(const std::string& word) {
-  return "kxzel: subcommand '" + word + "' is not available in this build\n";
-}
-
 // A test installation: ZEL_BASE at a fresh repository directory whose node
 // list names this host (127.0.0.1) as node 1 on the default port.
 class CliTest : public ::testing::Test {
@@ -62,28 +58,6 @@ TEST_F(CliTest, UsageErrors) {
     EXPECT_EQ(1, r.exitStatus) << label;
     EXPECT_EQ(usage, r.out) << label;
     EXPECT_EQ(c.err, r.err) << label;
-  }
-}
-
-TEST_F(CliTest, PendingHandlersRunAfterStartUp) {
-  struct {
-    std::vector<std::string> args;
-    std::string out;
-    std::string err;
-  } cases[] = {
-      // clang-format off
-      {{"echo", "1", "2", "3"}, "", NotAvailable("echo")},
-      {{"init", "-D", "", "-n", "h"},
-       "",
-       "No directory for disks specified" + NotAvailable("init")},
-      {{"lsnodes"}, "", NotAvailable("lsnodes")},
-      // clang-format on
-  };
-  for (const auto& c : cases) {
-    RunResult r = Run(c.args);
-    EXPECT_EQ(149, r.exitStatus) << c.args[0];
-    EXPECT_EQ(c.out, r.out) << c.args[0];
-    EXPECT_EQ(c.err, r.err) << c.args[0];
   }
 }
 

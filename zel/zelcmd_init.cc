@@ -1,0 +1,227 @@
+// Repository creation (init), first-time node set-up (setup), and the
+// messages and list commits they share with the configuration changes.
+#include <stdio.h>
+
+#include <vector>
+
+#include "platform/pfile.h"
+#include "zel/kxcomm.h"
+#include "zel/kxsec.h"
+#include "zel/paxosclient.h"
+#include "zel/paxosutils.h"
+#include "zel/zeladmin.h"
+#include "zel/zelcmd.h"
+#include "zel/zelerr.h"
+#include "zel/zellock.h"
+#include "zel/zelmsg.h"
+
+namespace {
+
+const char kTmpNodes[] = "/tmp/zel.nodes";
+const char kTmpDisks[] = "/tmp/zel.disks";
+
+// Size and encoding of the disk part shared by "init" and "pxinit".
+int disksSize(const DiskMap& disks) {
+  int size = SizeVarUInt(static_cast<long long>(disks.size()), 0);
+  for (const auto& [slot, d] : disks) size += SizeVarUInt(slot, 0) + d.label.size() + 1 + 1;
+  return size;
+}
+
+char* dumpDisks(char* p, const DiskMap& disks) {
+  p = DumpVarUInt(p, static_cast<long long>(disks.size()), 0);
+  for (const auto& [slot, d] : disks) {
+    p = DumpVarUInt(p, slot, 0);
+    p = DumpString(p, d.label);
+    *p++ = d.old ? 1 : 0;
+  }
+  return p;
+}
+
+// Writes the list to tmpPath, stores it in the repository as name, removes it.
+template <typename List>
+int commitList(const char* name, const char* tmpPath, const List& list,
+               int (*writeFn)(const std::string&, const List&)) {
+  int rc = writeFn(tmpPath, list);
+  if (rc != 0) return rc;
+  int seq = 0;
+  CommittedState committed;
+  rc = PaxosFilePut(name, tmpPath, &seq, &committed, -1, -1);
+  PlatUnlink(tmpPath);
+  return rc;
+}
+
+}  // namespace
+
+int commitNodeCfg(const Nodes& nodes) {
+  return commitList("zel.nodes", kTmpNodes, nodes, writeNodeList);
+}
+
+int commitDiskCfg(const DiskMap& disks) {
+  return commitList("zel.disks", kTmpDisks, disks, writeDiskList);
+}
+
+int InitNodes(unsigned long long clusterId, const Nodes& targets, const Nodes& nodes,
+              const DiskMap& disks, const Dblock& block) {
+  int size = 8 + SizeVarUInt(static_cast<long long>(nodes.size()), 0);
+  for (const Node& n : nodes) {
+    ZASSERT_T(n.addr.port >= 0, "port >= 0");
+    size += SizeVarUInt(n.id, 0) + 1 + n.name.size() + 1 + n.addr.addr.size() + 1 +
+            SizeVarUInt(n.addr.port, 0);
+  }
+  size += disksSize(disks) + block.getSize();
+  std::vector<char> msg(size);
+  char* pMsg = msg.data();
+  char* pData = DumpUInt64(pMsg, clusterId);
+  pData = DumpVarUInt(pData, static_cast<long long>(nodes.size()), 0);
+  for (const Node& n : nodes) {
+    pData = DumpVarUInt(pData, n.id, 0);
+    *pData++ = n.old ? 1 : 0;
+    pData = DumpString(pData, n.name);
+    pData = DumpString(pData, n.addr.addr);
+    pData = DumpVarUInt(pData, n.addr.port, 0);
+  }
+  pData = dumpDisks(pData, disks);
+  pData = block.dump(pData);
+  ZASSERT_T(pData == pMsg + size, "pData == pMsg + size");
+
+  int result = 0;
+  for (const Node& n : targets) {
+    int replyType = -1, replyLen = 0;
+    char* recvMsg = nullptr;
+    int rc = SendReceive(n.id, MSG_TYPE_INIT, pMsg, size, &replyType, &recvMsg, &replyLen, -1);
+    if (rc == 0 && recvMsg != nullptr) {
+      // The answer carries no body; a server that sends one is not trusted.
+      if (zelDebugAsserts) ZASSERT_T(recvMsg == NULL, "recvMsg == NULL");
+      rc = E_BAD_MESSAGE;
+    }
+    delete[] recvMsg;
+    if (rc != 0) {
+      fprintf(stderr, "initialize %s failed (err %d)\n", n.toString().c_str(), rc);
+      result = rc;
+    } else {
+      trace(4, "initialize %s successful", n.toString().c_str());
+    }
+  }
+  return result;
+}
+
+int InitSharedDisks(const Nodes& nodes, const DiskMap& disks, const Dblock& block, int nSlots) {
+  trace(4, "InitSharedDisks: nSlots %d diskIdList %s", nSlots, DiskMapToString(disks).c_str());
+  int size = disksSize(disks) + block.getSize() + SizeVarUInt(nSlots, 0) + MaxSizeVarUInt;
+  std::vector<char> msg(size);
+  char* pMsg = msg.data();
+  char* pData = dumpDisks(pMsg, disks);
+  pData = block.dump(pData);
+  pData = DumpVarUInt(pData, nSlots, 0);
+  ZASSERT_T(pData == pMsg + size - MaxSizeVarUInt, "pData == pMsg + size - MaxSizeVarUInt");
+
+  int rc = E_IO;
+  for (const Node& n : nodes) {
+    char* end = DumpVarUInt(pData, n.id, 0);
+    int replyType = -1, replyLen = 0;
+    char* reply = nullptr;
+    rc = SendReceive(n.id, MSG_TYPE_PXINIT, pMsg, static_cast<int>(end - pMsg), &replyType, &reply,
+                     &replyLen, -1);
+    delete[] reply;
+    trace(4, "pxinit to %s returned %d", n.toString().c_str(), rc);
+    if (rc == 0) break;
+  }
+  return rc;
+}
+
+int SetupCommand(const ZelSettings& s, const ZelArgs&) {
+  ZELLockInit();
+  int rc = InitZELIO(s.portOpt, s.force ? 2 : 1, true);
+  if (rc != 0) return rc;
+  if (isTestInstall && s.certFile.empty()) usageExit("-c paramter missing");
+  if (s.nodeArgs.empty()) return 0;
+  rc = InitSecurity();
+  if (rc != 0) {
+    fprintf(stderr, "security initialization failed (err %d)\n", rc);
+    return rc;
+  }
+  Nodes nodes;
+  rc = parseNodeList(s.nodeArgs, &nodes, true);
+  if (rc != 0) return rc;
+  rc = SetNodeList(nodes, false);
+  ZASSERT_T(rc == E_OK, "err == E_OK");
+  PaxosInit();
+  int seq = 0;
+  CommittedState committed;
+  return getNodeList(&seq, &committed, &nodes);
+}
+
+int InitCommand(const ZelSettings& s, const ZelArgs&) {
+  int rc = doInit(s, false);
+  if (rc != 0) return rc;
+  Nodes nodes;
+  rc = parseNodeList(s.nodeArgs, &nodes, true);
+  if (rc != 0) return rc;
+  if (s.nodeArgs.empty()) usageExit("node list is empty");
+
+  puts("zel server nodes to be initialized:");
+  for (const Node& n : nodes) {
+    printf("%d %s %s\n", n.id, locToString(n.addr.addr, n.addr.port).c_str(), n.name.c_str());
+  }
+  if (nodes.size() > static_cast<size_t>(kMaxZelNodes)) {
+    fprintf(stderr, "Too namy nodes (max %d)\n", kMaxZelNodes);
+    return E_INVAL;
+  }
+  DiskMap disks;
+  rc = parseDiskList(s.diskArgs, s.diskDir, &disks);
+  if (rc != 0) return rc;
+  if (!disks.empty()) {
+    puts("zel shared disks to be initialized:");
+    for (const auto& [slot, d] : disks) printf("%d %s\n", slot, d.label.c_str());
+  }
+  fflush(stdout);  // the listing comes before any failure message
+
+  NodeList nodeList;
+  for (size_t i = 0; i < nodes.size(); i++) {
+    NodeDescriptor d;
+    d.id = nodes[i].id;
+    d.slot = static_cast<int>(i);
+    d.version = 0;
+    d.listen = true;
+    nodeList.push_back(d);
+  }
+  DiskList diskList;
+  for (const auto& entry : disks) diskList.push_back(entry.first);
+  Dblock block;
+  block.committed.config = PaxosConfig(nodeList, diskList, 1);
+  trace(1, "dblk: %s", block.toString().c_str());
+
+  rc = SetNodeList(nodes, true);
+  if (rc != 0) {
+    fprintf(stderr, "failed to save node list (err %d)\n", rc);
+    return rc;
+  }
+  if (zelSecReady) {
+    rc = refreshAuth(nodes);
+    if (rc != 0) {
+      fprintf(stderr, "authentication initialization failed (err %d)\n", rc);
+      return rc;
+    }
+  }
+  if (!disks.empty()) {
+    rc = InitSharedDisks(nodes, disks, block, kMaxZelNodes);
+    if (rc != 0) {
+      fprintf(stderr, "disk initialization failed (err %d)\n", rc);
+      return rc;
+    }
+  }
+  rc = InitNodes(s.clusterId, nodes, nodes, disks, block);
+  if (rc != 0) {
+    fprintf(stderr, "server initialization failed (err %d)\n", rc);
+    return rc;
+  }
+  PaxosInit();
+  rc = commitNodeCfg(nodes);
+  if (rc != 0) {
+    fprintf(stderr, "node list commit failed (err %d)\n", rc);
+    return rc;
+  }
+  rc = commitDiskCfg(disks);
+  if (rc != 0) fprintf(stderr, "disk list commit failed (err %d)\n", rc);
+  return rc;
+}
