@@ -1,0 +1,267 @@
+// zel-demo: runs the real kxzel-testinstall against a small repository server
+// on the loopback interface, so a newcomer sees the tool do its job without a
+// cluster. The server keeps named values in memory and answers the greeting,
+// "vget", the "vput" exchange (uid, ok, seq_commit) and "eor".
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zel/kxcomm.h"
+#include "zel/paxosdata.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelmsg.h"
+
+namespace {
+
+bool readAll(int fd, char* p, size_t n) {
+  while (n > 0) {
+    ssize_t got = recv(fd, p, n, 0);
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+bool sendMsg(int fd, int type, const std::string& body) {
+  std::string m(8, '\0');
+  DumpUInt32(&m[0], static_cast<unsigned int>(body.size()));
+  unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
+  m[4] = static_cast<char>(code >> 8);
+  m[5] = static_cast<char>(code);
+  m += body;
+  return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(m.size());
+}
+
+bool recvMsg(int fd, int* type, std::string* body) {
+  char h[8];
+  if (!readAll(fd, h, sizeof h)) return false;
+  unsigned int len = 0;
+  LoadUInt32(h, h + 8, &len);
+  *type =
+      ((static_cast<unsigned char>(h[4]) << 8) | static_cast<unsigned char>(h[5])) - kMsgCodeBias;
+  if (len > (1u << 20)) return false;
+  body->assign(len, '\0');
+  return readAll(fd, &(*body)[0], len);
+}
+
+class DemoServer {
+ public:
+  DemoServer() {
+    lfd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sa;
+    if (lfd_ < 0 || bind(lfd_, reinterpret_cast<sockaddr*>(&sa), len) != 0 ||
+        listen(lfd_, 8) != 0 || getsockname(lfd_, reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+      perror("zel-demo: listen");
+      exit(1);
+    }
+    port_ = ntohs(sa.sin_port);
+    state_.cfgVersion = 1;
+    NodeDescriptor n;
+    n.id = 1;
+    n.slot = 0;
+    n.listen = true;
+    state_.config.nodes.push_back(n);
+    state_.config.minNodes = 1;
+    thread_ = std::thread([this] { run(); });
+  }
+  ~DemoServer() {
+    stop_ = true;
+    thread_.join();
+    close(lfd_);
+  }
+  int port() const { return port_; }
+
+ private:
+  void run() {
+    while (!stop_) {
+      pollfd p = {lfd_, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      int fd = accept(lfd_, nullptr, nullptr);
+      if (fd < 0) continue;
+      serve(fd);
+      close(fd);
+    }
+  }
+
+  std::string commit() const {
+    std::string b(MaxSizeVarUInt + state_.getSize(), '\0');
+    char* e = DumpVarUInt(&b[0], seq_, 0);
+    e = state_.dump(e);
+    b.resize(static_cast<size_t>(e - b.data()));
+    return b;
+  }
+
+  // One connection: greeting, then requests until the client closes.
+  void serve(int fd) {
+    char hdr[28];
+    if (!readAll(fd, hdr, sizeof hdr)) return;
+    unsigned int len = 0;
+    LoadUInt32(hdr + 20, hdr + sizeof hdr, &len);
+    for (int i = 0; len != 0 && i < 8 && len < 65536; i++) {
+      std::string rec(len, '\0');
+      if (!readAll(fd, &rec[0], len)) return;
+      LoadUInt32(rec.data() + 4, rec.data() + len, &len);
+    }
+    char answer[20] = {};
+    DumpUInt32(answer, kGreetingMagic);
+    if (send(fd, answer, sizeof answer, MSG_NOSIGNAL) != sizeof answer) return;
+    int type = 0;
+    std::string body;
+    while (recvMsg(fd, &type, &body)) {
+      bool ok = true;
+      if (type == MSG_TYPE_VGET) {
+        ok = sendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
+      } else if (type == MSG_TYPE_VPUT) {
+        ok = put(fd, body);
+      } else if (type == REPLY_TYPE_EOR) {
+        ok = sendMsg(fd, REPLY_TYPE_EOR, "");
+      } else {
+        ok = sendMsg(fd, MSG_TYPE_FAILED, failed(E_UNKNOWN_REQUEST));
+      }
+      if (!ok) return;
+    }
+  }
+
+  static std::string failed(int code) {
+    char b[MaxSizeVarUInt];
+    return std::string(b, DumpVarUInt(b, code, -1));
+  }
+
+  // "vput": update id, name, value, condition version, new version.
+  bool put(int fd, const std::string& body) {
+    const char* p = body.data();
+    const char* end = p + body.size();
+    UpdateId uid;
+    std::string name, value;
+    int cond = -1, ver = -1;
+    p = uid.load(p, end);
+    p = LoadString(p, end, &name);
+    p = LoadString(p, end, &value);
+    p = LoadVarUInt(p, end, &cond, -1);
+    p = LoadVarUInt(p, end, &ver, -1);
+    if (p != end) return sendMsg(fd, MSG_TYPE_FAILED, failed(E_BAD_MESSAGE));
+    if (uid.isNull()) {
+      uid = UpdateId(1, 1, ++nextUid_);
+      std::string u(3 * MaxSizeVarUInt, '\0');
+      u.resize(static_cast<size_t>(uid.dump(&u[0]) - u.data()));
+      int type = 0;
+      std::string okBody;
+      if (!sendMsg(fd, REPLY_TYPE_UID, u) || !recvMsg(fd, &type, &okBody) || type != MSG_TYPE_OK)
+        return false;
+    }
+    ProposedUpdate upd(uid, ValueUpdate(name, value), -1);
+    int current = state_.getOldVersion(upd);
+    if (cond >= 0 && cond != current)
+      return sendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_VERSION_MISMATCH));
+    if (ver >= 0 && ver <= current)
+      return sendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_INVALID_VERSION));
+    upd.version = ver >= 0 ? ver : current + 1;
+    state_.apply(upd);
+    seq_++;
+    return sendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
+  }
+
+  int lfd_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+  CommittedState state_;
+  int seq_ = 1;
+  int nextUid_ = 0;
+};
+
+std::string clientPath() {
+  if (const char* env = getenv("KXZEL_BIN")) return env;
+  char self[4096];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string dir(self, n > 0 ? static_cast<size_t>(n) : 0);
+  dir = dir.substr(0, dir.rfind('/'));  // build/tests
+  return dir.substr(0, dir.rfind('/')) + "/kxzel-testinstall";
+}
+
+// Runs the client with the arguments and shows the command, its output and status.
+int runClient(const std::string& bin, const std::string& base,
+              const std::vector<std::string>& args) {
+  std::string shown = "$ kxzel-testinstall";
+  for (const auto& a : args) shown += " " + a;
+  printf("%s\n", shown.c_str());
+  fflush(stdout);
+  pid_t pid = fork();
+  if (pid == 0) {
+    setenv("ZEL_BASE", base.c_str(), 1);
+    unsetenv("ZEL_DEBUG");
+    dup2(1, 2);  // messages in order with the listings, even when piped
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(bin.c_str()));
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(bin.c_str(), argv.data());
+    perror("zel-demo: exec");
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  int rc = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+  printf("[exit status %d]\n\n", rc);
+  return rc;
+}
+
+}  // namespace
+
+int main() {
+  DemoServer server;
+  char tmpl[] = "/tmp/zel-demo-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) {
+    perror("zel-demo: mkdtemp");
+    return 1;
+  }
+  const std::string base = tmpl;
+  mkdir((base + "/committed").c_str(), 0755);
+  FILE* f = fopen((base + "/zel.nodes").c_str(), "w");
+  if (f == nullptr) return 1;
+  fprintf(f, "1,0,127.0.0.1,%d,demo\n", server.port());
+  fclose(f);
+  printf(
+      "A repository server for the demo listens on 127.0.0.1:%d;\n"
+      "the test installation is %s (ZEL_BASE).\n\n",
+      server.port(), base.c_str());
+
+  const std::string bin = clientPath();
+  const std::vector<std::vector<std::string>> steps = {
+      {"vput", "greeting", "hello world"},
+      {"vput", "answer", "42"},
+      {"vget", "greeting"},
+      {"vput", "-c", "1", "greeting", "hello again"},
+      {"vput", "-c", "1", "greeting", "too late"},
+      {"vlist"},
+      {"vget", "nosuch"},
+  };
+  // The two failures are intended: a stale conditional put and an undefined name.
+  const int expected[] = {0, 0, 0, 0, 153, 0, 149};
+  int wrong = 0;
+  for (size_t i = 0; i < steps.size(); i++) {
+    if (runClient(bin, base, steps[i]) != expected[i]) wrong++;
+  }
+  std::string rm = "/bin/rm -rf '" + base + "'";
+  if (system(rm.c_str()) != 0) fprintf(stderr, "zel-demo: could not remove %s\n", base.c_str());
+  printf(wrong == 0 ? "zel-demo: every step ended as expected\n"
+                    : "zel-demo: %d step(s) ended unexpectedly\n",
+         wrong);
+  return wrong == 0 ? 0 : 1;
+}
