@@ -40,6 +40,9 @@ bool SendAll(int fd, const std::string& text) {
   return true;
 }
 
+namespace {
+
+// Reads exactly n bytes; what arrived before an error or the time-out.
 std::string RecvExactly(int fd, size_t n, int timeoutMs) {
   std::string out;
   for (int i = 0; i < 1000 && out.size() < n; ++i) {
@@ -58,6 +61,8 @@ bool HasPendingByte(int fd) {
   char c;
   return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
+
+}  // namespace
 
 PairResult RunPair(const std::function<int(int sock)>& client,
                    const std::function<int(int sock)>& server) {
