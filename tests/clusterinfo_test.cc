@@ -167,14 +167,6 @@ TEST(AuthorizedKeysTest, KeyBlocksInEveryForm) {
                      dig->committedKey),
             k1.digestHex + k2.digestHex + k2.digestHex + k1.digestHex + k1.digestHex);
   EXPECT_EQ(4, cert->committedKeyGenNumber);
-
-  // A well-formed block that holds no key is refused.
-  WriteFile(dir.file("k"),
-            "clusterName=x\ncommittedPublicKey=\n-----BEGIN PUBLIC KEY-----\n"
-            "QUJDRA==\n-----END PUBLIC KEY-----\n");
-  ClusterInfoList l2;
-  r = Parse(dir.file("k"), &l2, &s);
-  EXPECT_EQ(std::make_tuple(22, 19, true), std::make_tuple(r.err, r.rc, l2.isEmpty()));
 }
 
 }  // namespace

@@ -33,12 +33,10 @@ struct FakeMsg {
 
 // What a client's greeting carried.
 struct FakeGreeting {
-  std::string raw;
-  int version = 0;
+  std::string raw, clusterName;
+  int version = 0, keyGenNumber = -1;
   unsigned long long clusterId = 0;
   bool hasRecord6 = false;
-  int keyGenNumber = -1;
-  std::string clusterName;
 };
 
 // A file received with receiveFile(); crcOk: its "fcrc" matched the data.
@@ -123,8 +121,7 @@ class FakeServer {
     std::vector<Action> actions;
   };
   struct ConnState {
-    bool first = true;
-    bool authenticated = false;
+    bool first = true, authenticated = false;
   };
 
   FakeServer& addStep(int type, bool matchBody, const std::string& body);
