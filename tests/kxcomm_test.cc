@@ -131,26 +131,24 @@ TEST_F(KxCommTest, ReceiveOutcomes) {
   }
 }
 
+// Answers: a wrong magic, a rejection, a record too long, a cut-short header.
 TEST_F(KxCommTest, GreetingFailures) {
-  FakeServer::Options badMagic;
-  badMagic.badMagic = true;
-  FakeServer::Options rejected;
-  rejected.status = 1;
-  FakeServer::Options hugeRecord;
-  hugeRecord.rawAnswer = std::string("\xF3\x68\x90\x38", 4) + std::string(8, '\0') +
-                         std::string("\x01\x00\x10\x01", 4) + std::string(4, '\0');
-  FakeServer::Options shortAnswer;
-  shortAnswer.rawAnswer = std::string("\xF3\x68\x90\x38", 4);
+  const std::string magic("\xF3\x68\x90\x38", 4);
   struct {
-    FakeServer::Options* o;
+    std::string answer;
     int rc;
-  } cases[] = {{&badMagic, E_CANT_CONNECT},
-               {&rejected, E_CONN_REJECTED},
-               {&hugeRecord, E_BAD_ATTACH_LEN},
-               {&shortAnswer, E_CONN_SHUTDOWN}};
+  } cases[] = {
+      {std::string("\x12\x34\x56\x78", 4) + std::string(16, '\0'), E_CANT_CONNECT},
+      {"", E_CONN_REJECTED},  // status 1
+      {magic + std::string(8, '\0') + std::string("\x01\x00\x10\x01", 4) + std::string(4, '\0'),
+       E_BAD_ATTACH_LEN},
+      {magic, E_CONN_SHUTDOWN}};
   for (const auto& c : cases) {
-    c.o->drainMs = 0;
-    FakeServer srv(*c.o);
+    FakeServer::Options o;
+    o.rawAnswer = c.answer;
+    o.status = c.answer.empty() ? 1 : 0;
+    o.drainMs = 0;
+    FakeServer srv(o);
     Conn k;
     EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), c.rc);
     EXPECT_EQ(k.c, nullptr);

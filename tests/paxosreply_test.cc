@@ -168,7 +168,6 @@ TEST_F(PaxosReplyTest, MalformedBodiesBreakTheConnection) {
       {"uid_fput without flag", Msg(55, uid)},
       {"failed_node_ver without version", Msg(61, V(149, -1))},
       {"reply_discover without number", Msg(62, full50 + "\x01")},
-      {"ok is no repository reply", Msg(0, "")},
       {"unknown type", Msg(70, "")},
   };
   for (const auto& c : cases) {

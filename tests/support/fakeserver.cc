@@ -121,26 +121,11 @@ FakeServer& FakeServer::sendFile(const std::string& data, unsigned int crcXor, s
   return raw(bytes + header8(MSG_TYPE_FCRC, 4) + u32(crc));
 }
 
-std::vector<FakeMsg> FakeServer::messages() const {
-  std::lock_guard<std::mutex> g(mu_);
-  return msgs_;
-}
-
 std::vector<FakeMsg> FakeServer::messagesOfType(int type) const {
   std::vector<FakeMsg> r;
   for (const FakeMsg& m : messages())
     if (m.type == type) r.push_back(m);
   return r;
-}
-
-std::vector<FakeGreeting> FakeServer::greetings() const {
-  std::lock_guard<std::mutex> g(mu_);
-  return greetings_;
-}
-
-std::vector<FakeFile> FakeServer::files() const {
-  std::lock_guard<std::mutex> g(mu_);
-  return files_;
 }
 
 bool FakeServer::waitDone(int ms) const {
@@ -239,7 +224,7 @@ bool FakeServer::sendAnswer(int fd) {
     unsigned int next = i + 1 < recs.size() ? static_cast<unsigned int>(recs[i + 1].size()) : 0;
     chain += recs[i].replace(4, 4, u32(next));
   }
-  std::string ans = u32(opt_.badMagic ? 0x12345678 : 0xF3689038) + u32(opt_.status) + u32(0) +
+  std::string ans = u32(0xF3689038) + u32(opt_.status) + u32(0) +
                     u32(static_cast<unsigned int>(recs[0].size())) + u32(0);
   return sendAll(fd, ans + chain);
 }
@@ -300,9 +285,7 @@ bool FakeServer::runActions(int fd, const std::vector<Action>& acts) {
 }
 
 void FakeServer::serveConn(int fd) {
-  if (!readGreeting(fd) || !sendAnswer(fd) || !opt_.rawAnswer.empty() || opt_.status != 0 ||
-      opt_.badMagic)
-    return;
+  if (!readGreeting(fd) || !sendAnswer(fd) || !opt_.rawAnswer.empty() || opt_.status) return;
   ConnState st;
   for (bool keep = true; keep && !stop_;) {
     int type = 0;

@@ -52,7 +52,6 @@ class FakeServer {
     unsigned long long clusterId = 0;          // answer record 9
     int version = 101;                         // answer record 9
     unsigned int status = 0;                   // non-zero: reject the connection
-    bool badMagic = false;                     // answer with a wrong magic
     bool record6 = false;                      // answer with record 6
     int keyGenNumber = 1;                      // in record 6
     std::string clusterName = "fake.cluster";  // in record 6
@@ -96,10 +95,10 @@ class FakeServer {
   FakeServer& sendFile(const std::string& data, unsigned int crcXor = 0, size_t chunk = 1048576);
 
   // Inspection (thread-safe copies).
-  std::vector<FakeMsg> messages() const;
+  std::vector<FakeMsg> messages() const { return copyOf(msgs_); }
   std::vector<FakeMsg> messagesOfType(int type) const;
-  std::vector<FakeGreeting> greetings() const;
-  std::vector<FakeFile> files() const;
+  std::vector<FakeGreeting> greetings() const { return copyOf(greetings_); }
+  std::vector<FakeFile> files() const { return copyOf(files_); }
   int connections() const { return nConns_.load(); }
   // Waits up to ms for the script to be used up (and its actions run).
   bool waitDone(int ms) const;
@@ -124,6 +123,11 @@ class FakeServer {
     bool first = true, authenticated = false;
   };
 
+  template <class T>
+  std::vector<T> copyOf(const std::vector<T>& v) const {
+    std::lock_guard<std::mutex> g(mu_);
+    return v;
+  }
   FakeServer& addStep(int type, bool matchBody, const std::string& body);
   FakeServer& addAction(Kind kind, const std::string& bytes, int ms);
   void run();
