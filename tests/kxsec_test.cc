@@ -141,8 +141,6 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
        E_AUTH_FAILED},
       {"key change 1/2", change, P(1, 2), P(1, 2), 0, 0},
       {"key change 2/1", change, P(2, 1), P(2, 1), 0, 0},
-      {"key change 1/1", change, P(1, 1), P(1, 1), 0, 0},
-      {"key change 2/2", change, P(2, 2), P(2, 2), 0, 0},
       {"generation 0 takes a committed key", change, P(0, 1), P(1, 1), 0, 0},
       {"no wildcard for a new key", change, P(0, 1), P(2, 1), E_AUTH_FAILED, kAny},
   };
