@@ -11,9 +11,11 @@
 
 #include "platform/psock.h"
 #include "support/wiretest.h"
+#include "zel/kxcomm_addr.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
+#include "zel/zelutils.h"
 
 namespace {
 
@@ -266,6 +268,98 @@ TEST_F(KxCommTest, ConnectThroughSeamInProgressAndTimeOut) {
   Conn t;
   EXPECT_EQ(connectTo(srv.addr(), &t.c, 50), ETIMEDOUT);
   EXPECT_EQ(t.c, nullptr);
+}
+
+// Node 1 is a fake server on 127.0.0.1, node 3 one on ::1, node 2 does not resolve.
+class NodeAddrTest : public WireTest {
+ protected:
+  NodeAddrTest() : v6_(V6()) {}
+  static FakeServer::Options V6() {
+    FakeServer::Options o;
+    o.ipv6 = true;
+    return o;
+  }
+  void SetUp() override {
+    WireTest::SetUp();
+    ResetZELIOForTest();
+    Nodes nodes = {Node(1, "four", NodeLocation("127.0.0.1", v4_.port())),
+                   Node(3, "six", NodeLocation("::1", v6_.port()))};
+    ASSERT_EQ(SetNodeList(nodes, false), 0);
+    // A list file may name a host that stopped resolving since it was read.
+    GetNodeMap()[2] = NodeLocation("nohost.invalid", 1191);
+  }
+  void TearDown() override {
+    setSimulateNetworkDisconnect(false);
+    ResetZELIOForTest();
+    WireTest::TearDown();
+  }
+  // Connects to the node and closes the connection again.
+  int Reach(int nodeId) {
+    Connection* c = nullptr;
+    int rc = connectTo(nodeId, &c, 2000);
+    EXPECT_EQ(rc == 0, c != nullptr);
+    delete c;
+    return rc;
+  }
+
+  FakeServer v4_;
+  FakeServer v6_;
+};
+
+TEST_F(NodeAddrTest, ByNodeIdAndSimulatedDisconnect) {
+  v4_.expect(MSG_TYPE_STATUS, "q").reply(MSG_TYPE_OK, "answer");
+  int type = -5, len = 0;
+  char* body = nullptr;
+  ASSERT_EQ(SendReceive(1, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), 0);
+  EXPECT_EQ(std::string(body, static_cast<size_t>(len)), "answer");
+  delete[] body;
+  EXPECT_EQ(SendReceive(9, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), E_INVAL);
+  EXPECT_EQ(Reach(9), E_INVAL);
+  EXPECT_NE(Reach(2), 0);
+  EXPECT_EQ(Reach(3), 0);
+
+  // A disconnected node still reaches its own address and localhost.
+  zelPort = 1191;
+  zelAddr = "127.0.0.1";
+  setSimulateNetworkDisconnect(true);
+  EXPECT_EQ(Reach(1), 0);     // own address and localhost
+  EXPECT_EQ(Reach(3), E_IO);  // ::1 is neither
+  zelAddr = "::1";
+  setSimulateNetworkDisconnect(true);
+  EXPECT_EQ(Reach(3), 0);  // now the own address
+  EXPECT_EQ(Reach(1), 0);  // still localhost
+}
+
+TEST(SplitHostPortTest, Forms) {
+  struct {
+    const char* text;
+    const char* host;
+    int port;
+  } cases[] = {
+      {"[::1]", "::1", 1191},    {"[::1]:1200", "::1", 1200},         {"[::1]x", "::1", 0},
+      {"nodeA", "nodeA", 1191},  {"10.1.2.3:99", "10.1.2.3", 99},     {"fe80::1", "fe80:", 1},
+      {"hostA:abc", "hostA", 0}, {"[fe80::1]:1300", "fe80::1", 1300},
+  };
+  for (const auto& c : cases) {
+    std::string host;
+    int port = -5;
+    splitHostPort(c.text, &host, &port);
+    EXPECT_EQ(host + ":" + std::to_string(port), c.host + (":" + std::to_string(c.port))) << c.text;
+  }
+}
+
+TEST(CommAddrTest, ConvertAndText) {
+  CommAddr a;
+  ASSERT_EQ(convertCommAddr("127.0.0.1", 1191, &a), E_OK);
+  EXPECT_TRUE(a.addr.isV4Mapped());
+  EXPECT_EQ(a.toString(), "127.0.0.1:1191");
+  CommAddr b;
+  ASSERT_EQ(convertCommAddr("::1", 7, &b), E_OK);
+  EXPECT_EQ(b.toString(), "[::1]:7");
+  EXPECT_EQ(convertCommAddr("127.0.0.1", 0, &b), E_INVAL);
+  EXPECT_NE(convertCommAddr("no-such-host.invalid", 1191, &b), E_OK);
+  ASSERT_EQ(b.fromString("[::1]:1200"), E_OK);
+  EXPECT_EQ(b.port, 1200);
 }
 
 }  // namespace

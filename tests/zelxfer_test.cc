@@ -1,15 +1,17 @@
 #include "zel/zelxfer.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "support/testutil.h"
 #include "support/wiretest.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
+#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 
 namespace {
@@ -161,27 +163,39 @@ TEST_F(ZelXferTest, CrcNamingReplacesLastDotZeroDot) {
   }
 }
 
-TEST_F(ZelXferTest, EmptyTargetWritesToStandardOutput) {
-  FakeServer srv;
-  std::string data = Pattern(5000);
-  srv.expect(MSG_TYPE_FGET).sendFile(data);
-  Connection* k = connect(srv);
-  std::string out = dir_.file("stdout");
-  fflush(stdout);
-  int saved = dup(STDOUT_FILENO);
-  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0);
-  dup2(fd, STDOUT_FILENO);
-  close(fd);
-  unsigned int crc = 0;
-  int rc = receiveFile(k, "", 5000, false, &crc, nullptr, true);
-  bool stdoutClosed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
-  dup2(saved, STDOUT_FILENO);
-  close(saved);
-  EXPECT_EQ(rc, 0);
-  EXPECT_TRUE(stdoutClosed);
-  EXPECT_TRUE(ReadFile(out) == data);
-  EXPECT_EQ(ListDir(dir_.path()), std::vector<std::string>{"stdout"});
+TEST(ZelFilesTest, PathSplitting) {
+  struct {
+    const char* path;
+    const char* file;
+    const char* dir;
+  } cases[] = {{"/x/y/z", "z", "/x/y"}, {"z", "", "."},      {"/z", "z", "/"},
+               {"a/b/", "", "a"},       {"/x/y/", "", "/x"}, {"", "", "."}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(ParseFileNameFromPath(c.path), c.file) << c.path;
+    EXPECT_EQ(ParseDirFromPath(c.path), c.dir) << c.path;
+  }
+}
+
+TEST(ZelFilesTest, RenamePolicies) {
+  TempDir d;
+  std::string src = d.file("src"), dst = d.file("dst");
+  // Replace: the new copy wins.
+  WriteFile(src, "new");
+  WriteFile(dst, "old");
+  EXPECT_EQ(renameReplaceIfTargetExists(src, dst), 0);
+  EXPECT_EQ(ReadFile(dst), "new");
+  EXPECT_FALSE(PathExists(src));
+  // Skip: the first copy wins and the source goes.
+  WriteFile(src, "newer");
+  EXPECT_EQ(renameSkipIfTargetExists(src, dst), 0);
+  EXPECT_EQ(ReadFile(dst), "new");
+  EXPECT_FALSE(PathExists(src));
+  // A directory target is not skipped: the rename is attempted and fails.
+  WriteFile(src, "y");
+  ASSERT_EQ(mkdir(d.file("dir").c_str(), 0755), 0);
+  EXPECT_EQ(renameSkipIfTargetExists(src, d.file("dir")), EISDIR);
+  EXPECT_TRUE(PathExists(src));
+  EXPECT_EQ(renameReplaceIfTargetExists(d.file("missing"), dst), ENOENT);
 }
 
 }  // namespace
