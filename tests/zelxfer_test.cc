@@ -163,19 +163,6 @@ TEST_F(ZelXferTest, CrcNamingReplacesLastDotZeroDot) {
   }
 }
 
-TEST(ZelFilesTest, PathSplitting) {
-  struct {
-    const char* path;
-    const char* file;
-    const char* dir;
-  } cases[] = {{"/x/y/z", "z", "/x/y"}, {"z", "", "."},      {"/z", "z", "/"},
-               {"a/b/", "", "a"},       {"/x/y/", "", "/x"}, {"", "", "."}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(ParseFileNameFromPath(c.path), c.file) << c.path;
-    EXPECT_EQ(ParseDirFromPath(c.path), c.dir) << c.path;
-  }
-}
-
 TEST(ZelFilesTest, RenamePolicies) {
   TempDir d;
   std::string src = d.file("src"), dst = d.file("dst");
