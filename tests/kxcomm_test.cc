@@ -11,9 +11,11 @@
 
 #include "platform/psock.h"
 #include "support/wiretest.h"
+#include "zel/kxcomm_addr.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
+#include "zel/zelutils.h"
 
 namespace {
 
@@ -24,22 +26,18 @@ TEST(ZelMsgTest, NamesAuthFlagsAndErrorTexts) {
     int type;
     const char* name;
     bool auth;
-  } rows[] = {// clang-format off
-      {-3, "refresh", false}, {-1, "failed", false}, {3, "dump", true}, {4, "init", true},
-      {6, "vput", true}, {9, "fput", true}, {5, "vget", false}, {19, "auth", false},
-      {8, "fget", false}, {17, "fcrc", true}, {32, "fget_priv", true},
-      {60, "reply_sdterr", false}, {64, "reply_pxrdwr_fxfer", false},
-      {21, "unknown", false}, {65, "unknown", false}, {-4, "unknown", false}};
-  // clang-format on
+  } rows[] = {{-3, "refresh", false},  {-1, "failed", false},
+              {3, "dump", true},       {5, "vget", false},
+              {17, "fcrc", true},      {19, "auth", false},
+              {32, "fget_priv", true}, {64, "reply_pxrdwr_fxfer", false},
+              {65, "unknown", false}};
   for (const auto& r : rows) {
-    EXPECT_STREQ(msgName(r.type), r.name) << r.type;
-    EXPECT_EQ(msgAuthRequired(r.type), r.auth) << r.type;
+    EXPECT_EQ(std::make_tuple(std::string(msgName(r.type)), msgAuthRequired(r.type)),
+              std::make_tuple(std::string(r.name), r.auth));
   }
-  EXPECT_STREQ(errcodeToString(128), "Ok");
   EXPECT_STREQ(errcodeToString(143), "Unable to connect to the server");
   EXPECT_STREQ(errcodeToString(157), "Unable to contact current leader");
   EXPECT_STREQ(errcodeToString(158), "Invalid error number");
-  EXPECT_STREQ(errcodeToString(-1), "Invalid error number");
   EXPECT_STREQ(errcodeToString(EIO), strerror(EIO));
 }
 
@@ -62,10 +60,10 @@ TEST_F(KxCommTest, FramingBothWays) {
   g = Receive(k.c);
   EXPECT_EQ(std::make_tuple(g.rc, g.type), std::make_tuple(0, -1));  // code 511
   ASSERT_TRUE(srv.waitDone(2000));
-  ASSERT_EQ(srv.greetings().size(), 1u);
-  EXPECT_EQ(srv.greetings()[0].raw.size(), 64u);
-  EXPECT_EQ(srv.greetings()[0].version, 101);
-  EXPECT_FALSE(srv.greetings()[0].hasRecord6);
+  auto gr = srv.greetings();
+  ASSERT_EQ(gr.size(), 1u);
+  EXPECT_EQ(std::make_tuple(gr[0].raw.size(), gr[0].version, gr[0].hasRecord6),
+            std::make_tuple(size_t(64), 101, false));
 }
 
 TEST_F(KxCommTest, ForwardsStdoutAndStderrInOrder) {
@@ -111,18 +109,17 @@ TEST_F(KxCommTest, ReceiveOutcomes) {
   } cases[] = {
       {"failed 01", failed(std::string(1, '\x01')), true, 0, F, 0, false},
       {"failed 00", failed(std::string(1, '\0')), true, -1, F, 0, false},
-      {"failed 152", failed(FakeServer::failedBody(152)), true, 152, F, 0, false},
       {"failed 819", failed(FakeServer::failedBody(819)), true, 819, F, 0, false},
       {"failed empty", failed(""), true, kBad, F, 0, true},
       {"failed cut short", failed(std::string(1, '\xff')), true, kBad, F, 0, true},
       {"length limit + 1", header(8388609u), false, kBad, C, 0, true},
-      {"length 2^31", header(0x80000000u), false, kBad, C, 0, true},
       {"length 2^32 - 1", header(0xFFFFFFFFu), false, kBad, C, 0, true},
       {"length limit",
        [](FakeServer& s) { s.reply(REPLY_TYPE_SEQ_COMMIT, std::string(8388608u, 'b')); }, false, 0,
        C, 8388608, false},
       {"truncated body", [](FakeServer& s) { s.truncated(REPLY_TYPE_SEQ_COMMIT, "0123456789", 4); },
        false, E_CONN_SHUTDOWN, C, 0, true},
+      {"closed", [](FakeServer& s) { s.closeConn(); }, false, E_CONN_SHUTDOWN, -1, 0, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -131,44 +128,29 @@ TEST_F(KxCommTest, ReceiveOutcomes) {
     Conn k;
     OpenAndSend(srv, &k, MSG_TYPE_VGET, "x");
     Got g = Receive(k.c, c.errCheck);
-    EXPECT_EQ(g.rc, c.rc);
-    EXPECT_EQ(g.type, c.type);
-    EXPECT_EQ(g.len, c.len);
-    EXPECT_EQ(g.nullBody, c.len == 0);
-    EXPECT_EQ(k.c->isBroken(), c.broken);
+    EXPECT_EQ(std::make_tuple(g.rc, g.type, g.len, g.nullBody, k.c->isBroken()),
+              std::make_tuple(c.rc, c.type, c.len, c.len == 0, c.broken));
   }
-  // A peer that closes instead of answering.
-  FakeServer srv;
-  srv.expect(MSG_TYPE_VGET).closeConn();
-  Conn k;
-  OpenAndSend(srv, &k, MSG_TYPE_VGET, "");
-  Got g = Receive(k.c);
-  EXPECT_EQ(g.rc, E_CONN_SHUTDOWN);
-  EXPECT_TRUE(g.nullBody);
-  EXPECT_TRUE(k.c->isBroken());
 }
 
+// Answers: a wrong magic, a rejection, a record too long, a cut-short header.
 TEST_F(KxCommTest, GreetingFailures) {
-  FakeServer::Options badMagic;
-  badMagic.badMagic = true;
-  FakeServer::Options rejected;
-  rejected.status = 1;
-  FakeServer::Options hugeRecord;
-  hugeRecord.rawAnswer = std::string("\xF3\x68\x90\x38", 4) + std::string(8, '\0') +
-                         std::string("\x01\x00\x10\x01", 4) + std::string(4, '\0');
-  FakeServer::Options shortAnswer;
-  shortAnswer.rawAnswer = std::string("\xF3\x68\x90\x38", 4);
+  const std::string magic("\xF3\x68\x90\x38", 4);
   struct {
-    FakeServer::Options* o;
+    std::string answer;
     int rc;
-  } cases[] = {{&badMagic, E_CANT_CONNECT},
-               {&rejected, E_CONN_REJECTED},
-               {&hugeRecord, E_BAD_ATTACH_LEN},
-               {&shortAnswer, E_CONN_SHUTDOWN}};
+  } cases[] = {
+      {std::string("\x12\x34\x56\x78", 4) + std::string(16, '\0'), E_CANT_CONNECT},
+      {"", E_CONN_REJECTED},  // status 1
+      {magic + std::string(8, '\0') + std::string("\x01\x00\x10\x01", 4) + std::string(4, '\0'),
+       E_BAD_ATTACH_LEN},
+      {magic, E_CONN_SHUTDOWN}};
   for (const auto& c : cases) {
-    c.o->drainMs = 0;
-    FakeServer srv(*c.o);
-    if (c.rc == E_CONN_SHUTDOWN) srv.onConnect().closeConn();
+    FakeServer::Options o;
+    o.rawAnswer = c.answer;
+    o.status = c.answer.empty() ? 1 : 0;
+    o.drainMs = 0;
+    FakeServer srv(o);
     Conn k;
     EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), c.rc);
     EXPECT_EQ(k.c, nullptr);
@@ -187,12 +169,10 @@ TEST_F(KxCommTest, GreetingAnswerRecordsAreLearnt) {
   Conn k;
   ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
   auto* ci = static_cast<ConnImplementation*>(k.c);
-  EXPECT_EQ(ci->getClusterId(), 0x123456789abcdefULL);
-  EXPECT_EQ(ci->getZelVersion(), 77);
-  EXPECT_EQ(ci->secInfo().peerKeyGenNumber, 4);
-  EXPECT_TRUE(ci->secInfo().hasPeerClusterName);
-  EXPECT_EQ(ci->secInfo().peerClusterName, "alpha.example");
-  EXPECT_EQ(ci->secInfo().keyGenNumber, -1);
+  const SdrSecInfo& si = ci->secInfo();
+  EXPECT_EQ(std::make_tuple(ci->getClusterId(), ci->getZelVersion(), si.peerKeyGenNumber,
+                            si.hasPeerClusterName, si.peerClusterName, si.keyGenNumber),
+            std::make_tuple(0x123456789abcdefULL, 77, 4, true, std::string("alpha.example"), -1));
 }
 
 int authCalls = 0;
@@ -217,37 +197,31 @@ TEST_F(KxCommTest, SecurityGreetingAndAuthenticationOnFirstMessageOnly) {
   FakeServer::Options o;
   o.authenticateIncoming = TestAuthIn;
   FakeServer srv(o);
-  // First message needs auth: the exchange sits between header and body.
-  srv.expect(MSG_TYPE_VPUT, "body")
-      .reply(MSG_TYPE_OK)
-      .expect(MSG_TYPE_VPUT, "again")
-      .reply(MSG_TYPE_OK);
-  // First message needs none: no exchange even for a later vput.
+  // The exchange sits between header and body, for the first message only.
   srv.expect(MSG_TYPE_VGET, "g").reply(MSG_TYPE_OK).expect(MSG_TYPE_VPUT, "p").reply(MSG_TYPE_OK);
+  // A connection taken from the cache counts as new, until authenticated.
+  srv.expect(MSG_TYPE_VGET, "a").reply(MSG_TYPE_OK);
+  srv.expect(MSG_TYPE_VPUT, "b").reply(MSG_TYPE_OK).expect(MSG_TYPE_VPUT, "c").reply(MSG_TYPE_OK);
   authCalls = 0;
-  {
-    Conn k;
-    ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-    EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "body", 4), 0);
-    EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "again", 5), 0);
-    EXPECT_TRUE(k.c->isAuthenticated());
-  }
-  EXPECT_EQ(authCalls, 1);
   {
     Conn k;
     ASSERT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
     EXPECT_EQ(k.c->send(MSG_TYPE_VGET, "g", 1), 0);
     EXPECT_EQ(k.c->send(MSG_TYPE_VPUT, "p", 1), 0);
-    ASSERT_TRUE(srv.waitDone(3000));
   }
+  EXPECT_EQ(authCalls, 0);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VGET, "a"), MSG_TYPE_OK);
+  EXPECT_EQ(authCalls, 0);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VPUT, "b"), MSG_TYPE_OK);
+  EXPECT_EQ(Request(srv, MSG_TYPE_VPUT, "c"), MSG_TYPE_OK);
   EXPECT_EQ(authCalls, 1);
+  EXPECT_EQ(srv.connections(), 2);
   auto g = srv.greetings();
   ASSERT_EQ(g.size(), 2u);
-  EXPECT_TRUE(g[0].hasRecord6);
-  EXPECT_EQ(g[0].keyGenNumber, 3);
-  EXPECT_EQ(g[0].clusterName, "c1.dom");
-  EXPECT_EQ(g[0].raw.size(), 64u + 20u);  // (6 + 16) rounded down to 4
-  EXPECT_EQ(g[0].clusterId, 0x0102030405060708ULL);
+  // Record 6 holds 8 + 4 + "c1.dom\0" rounded down to 4 bytes: 20.
+  EXPECT_EQ(std::make_tuple(g[0].hasRecord6, g[0].keyGenNumber, g[0].clusterName, g[0].raw.size(),
+                            g[0].clusterId),
+            std::make_tuple(true, 3, std::string("c1.dom"), size_t(84), 0x0102030405060708ULL));
 }
 
 TEST_F(KxCommTest, ClusterIdMismatchOnFirstSend) {
@@ -273,7 +247,6 @@ TEST_F(KxCommTest, ClusterIdMismatchOnFirstSend) {
 
 int seamCalls = 0;
 int AlwaysInProgress(int, const struct sockaddr*, socklen_t) {
-  seamCalls++;
   return EINPROGRESS;
 }
 int FirstInProgress(int fd, const struct sockaddr* sa, socklen_t len) {
@@ -291,48 +264,102 @@ TEST_F(KxCommTest, ConnectThroughSeamInProgressAndTimeOut) {
   Conn k;
   EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
   EXPECT_GE(seamCalls, 2);
-  seamCalls = 0;
   PlatSetConnectFn(AlwaysInProgress);
   Conn t;
   EXPECT_EQ(connectTo(srv.addr(), &t.c, 50), ETIMEDOUT);
   EXPECT_EQ(t.c, nullptr);
-  EXPECT_GE(seamCalls, 1);
-  PlatSetConnectFn(nullptr);
-  // A closed port is refused.
-  CommAddr gone = srv.addr();
-  {
-    FakeServer other;
-    gone = other.addr();
+}
+
+// Node 1 is a fake server on 127.0.0.1, node 3 one on ::1, node 2 does not resolve.
+class NodeAddrTest : public WireTest {
+ protected:
+  NodeAddrTest() : v6_(V6()) {}
+  static FakeServer::Options V6() {
+    FakeServer::Options o;
+    o.ipv6 = true;
+    return o;
   }
-  Conn r;
-  EXPECT_EQ(connectTo(gone, &r.c, 2000), ECONNREFUSED);
-}
+  void SetUp() override {
+    WireTest::SetUp();
+    ResetZELIOForTest();
+    Nodes nodes = {Node(1, "four", NodeLocation("127.0.0.1", v4_.port())),
+                   Node(3, "six", NodeLocation("::1", v6_.port()))};
+    ASSERT_EQ(SetNodeList(nodes, false), 0);
+    // A list file may name a host that stopped resolving since it was read.
+    GetNodeMap()[2] = NodeLocation("nohost.invalid", 1191);
+  }
+  void TearDown() override {
+    setSimulateNetworkDisconnect(false);
+    ResetZELIOForTest();
+    WireTest::TearDown();
+  }
+  // Connects to the node and closes the connection again.
+  int Reach(int nodeId) {
+    Connection* c = nullptr;
+    int rc = connectTo(nodeId, &c, 2000);
+    EXPECT_EQ(rc == 0, c != nullptr);
+    delete c;
+    return rc;
+  }
 
-TEST_F(KxCommTest, SimulatedDisconnectAllowsOnlyOwnAndLocalHost) {
-  FakeServer srv;
-  CommAddr other;
-  ASSERT_TRUE(IpAddr::parse("10.9.8.7", &other.addr));
-  SetSimulateNetworkDisconnectAddrs(true, other, other);
-  Conn k;
-  EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), E_IO);
-  CommAddr own = srv.addr();
-  own.port = 1;  // only the address bytes count
-  SetSimulateNetworkDisconnectAddrs(true, own, other);
-  EXPECT_EQ(connectTo(srv.addr(), &k.c, 2000), 0);
-}
+  FakeServer v4_;
+  FakeServer v6_;
+};
 
-TEST_F(KxCommTest, SendReceiveByHostAndIpv6) {
-  FakeServer::Options o;
-  o.ipv6 = true;
-  FakeServer srv(o);
-  srv.expect(MSG_TYPE_VGET, "q").reply(REPLY_TYPE_SEQ_COMMIT, "answer");
-  int type = 0, len = 0;
+TEST_F(NodeAddrTest, ByNodeIdAndSimulatedDisconnect) {
+  v4_.expect(MSG_TYPE_STATUS, "q").reply(MSG_TYPE_OK, "answer");
+  int type = -5, len = 0;
   char* body = nullptr;
-  ASSERT_EQ(SendReceive("::1", srv.port(), MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), 0);
-  EXPECT_EQ(std::make_tuple(type, std::string(body, len)),
-            std::make_tuple(int(REPLY_TYPE_SEQ_COMMIT), std::string("answer")));
+  ASSERT_EQ(SendReceive(1, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), 0);
+  EXPECT_EQ(std::string(body, static_cast<size_t>(len)), "answer");
   delete[] body;
-  EXPECT_EQ(SendReceive("localhost", 0, MSG_TYPE_VGET, "q", 1, &type, &body, &len, 2000), E_INVAL);
+  EXPECT_EQ(SendReceive(9, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), E_INVAL);
+  EXPECT_EQ(Reach(9), E_INVAL);
+  EXPECT_NE(Reach(2), 0);
+  EXPECT_EQ(Reach(3), 0);
+
+  // A disconnected node still reaches its own address and localhost.
+  zelPort = 1191;
+  zelAddr = "127.0.0.1";
+  setSimulateNetworkDisconnect(true);
+  EXPECT_EQ(Reach(1), 0);     // own address and localhost
+  EXPECT_EQ(Reach(3), E_IO);  // ::1 is neither
+  zelAddr = "::1";
+  setSimulateNetworkDisconnect(true);
+  EXPECT_EQ(Reach(3), 0);  // now the own address
+  EXPECT_EQ(Reach(1), 0);  // still localhost
+}
+
+TEST(SplitHostPortTest, Forms) {
+  struct {
+    const char* text;
+    const char* host;
+    int port;
+  } cases[] = {
+      {"[::1]", "::1", 1191},    {"[::1]:1200", "::1", 1200},         {"[::1]x", "::1", 0},
+      {"nodeA", "nodeA", 1191},  {"10.1.2.3:99", "10.1.2.3", 99},     {"fe80::1", "fe80:", 1},
+      {"hostA:abc", "hostA", 0}, {"[fe80::1]:1300", "fe80::1", 1300},
+  };
+  for (const auto& c : cases) {
+    std::string host;
+    int port = -5;
+    splitHostPort(c.text, &host, &port);
+    EXPECT_EQ(host + ":" + std::to_string(port), c.host + (":" + std::to_string(c.port))) << c.text;
+  }
+}
+
+TEST(CommAddrTest, ConvertAndText) {
+  CommAddr a;
+  ASSERT_EQ(convertCommAddr("127.0.0.1", 1191, &a), E_OK);
+  EXPECT_TRUE(a.addr.isV4Mapped());
+  EXPECT_EQ(a.toString(), "127.0.0.1:1191");
+  CommAddr b;
+  ASSERT_EQ(convertCommAddr("::1", 7, &b), E_OK);
+  EXPECT_EQ(b.toString(), "[::1]:7");
+  EXPECT_EQ(convertCommAddr("127.0.0.1", 0, &b), E_INVAL);
+  EXPECT_NE(convertCommAddr("no-such-host.invalid", 1191, &b), E_OK);
+  ASSERT_EQ(b.fromString("[::1]:1200"), E_OK);
+  EXPECT_EQ(b.port, 1200);
 }
 
 }  // namespace

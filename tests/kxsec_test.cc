@@ -1,15 +1,21 @@
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "support/loopback.h"
 #include "support/seckeys.h"
 #include "support/testutil.h"
+#include "support/wiretest.h"
 #include "transport/tlsapi.h"
 #include "zel/kxcomm.h"
 #include "zel/kxsec.h"
 #include "zel/zelerr.h"
+#include "zel/zelmsg.h"
 
 namespace {
 
@@ -31,9 +37,15 @@ std::string Entry(const std::string& name, int cGen, const TestKey* committed, i
   return s;
 }
 
-class KxsecTest : public testing::Test {
+// The fake server authenticates with this process's own keys and list.
+int ServerAuth(int sock) {
+  return AuthenticateIncomingWith(sock, {1, 1, "AUTHONLY"});
+}
+
+class KxsecTest : public WireTest {
  protected:
   void SetUp() override {
+    WireTest::SetUp();
     std::string why = SecTestSkipReason();
     if (!why.empty()) GTEST_SKIP() << why;
     k1_ = SharedTestKey(0);
@@ -47,8 +59,10 @@ class KxsecTest : public testing::Test {
   void TearDown() override {
     ShutdownSecurity();
     if (oldTimeout_ > 0) SecSetTimeoutMs(oldTimeout_);
+    WireTest::TearDown();
   }
   int Init(const std::string& keysFile) {
+    ShutdownSecurity();
     WriteFile(paths_.authKeysPath, keysFile);
     return InitSecurityAt(paths_);
   }
@@ -70,22 +84,44 @@ SecAuthParams P(int aGen, int cGen) {
   return {aGen, cGen, "AUTHONLY"};
 }
 
-TEST_F(KxsecTest, AuthorizedPairThenPlainBytesBothWays) {
-  ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr)));
-  EXPECT_TRUE(zelSecReady);
-  EXPECT_STREQ("AUTHONLY", zelCipherListP);
-  EXPECT_EQ(1, zelGetKeyGenNumber());
-  EXPECT_EQ("home", zelGetClusterName());
-
-  // Through the greeting's view of each side.
-  SdrSecInfo info;
-  info.keyGenNumber = 1;
-  info.peerKeyGenNumber = 1;
-  PairResult r = RunPair([&](int s) { return AuthenticateOutgoing(s, info); },
-                         [&](int s) { return AuthenticateIncoming(s, info); });
-  EXPECT_EQ(0, r.client);
-  EXPECT_EQ(0, r.server);
-  EXPECT_TRUE(r.plainFlows);
+// A listed key lets the request through. A refused exchange fails the request
+// before the body is sent, and the connection is not cached.
+TEST_F(KxsecTest, ExchangesOnConnections) {
+  const int kRefused = -1;  // 703, or the peer dropped the connection first
+  struct {
+    const char* what;
+    std::string keys;
+    bool serverGen;
+    int rc;
+  } cases[] = {
+      {"listed", Entry("home.cl", 1, k1_, -1, nullptr), true, 0},
+      {"unlisted", Entry("home.cl", 1, kx_, -1, nullptr), true, kRefused},
+      {"no generation from the server", Entry("home.cl", 1, k1_, -1, nullptr), false,
+       E_AUTH_PARAMS},
+  };
+  paths_.keys = {k1_->bothPath, k1_->bothPath, "", ""};  // one file for both
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    outConnectionCache.clear();
+    ASSERT_EQ(0, Init(c.keys));
+    FakeServer::Options o;
+    o.record6 = c.serverGen;
+    o.authenticateIncoming = c.serverGen ? ServerAuth : nullptr;
+    o.drainMs = 0;
+    FakeServer srv(o);
+    if (c.rc == 0) srv.expect(MSG_TYPE_VPUT, "name").reply(MSG_TYPE_OK);
+    int rc = Request(srv, MSG_TYPE_VPUT, "name");
+    if (c.rc == kRefused) {
+      EXPECT_TRUE(rc == -E_AUTH_FAILED || rc == -E_CONN_SHUTDOWN || rc == -ECONNRESET ||
+                  rc == -EPIPE)
+          << rc;
+    } else {
+      EXPECT_EQ(-c.rc, rc);
+    }
+    size_t ok = c.rc == 0 ? 1 : 0;
+    EXPECT_EQ(std::make_pair(ok, ok),
+              std::make_pair(srv.messagesOfType(MSG_TYPE_VPUT).size(), outConnectionCache.size()));
+  }
 }
 
 // Which keys each end accepts under which generation (k1 committed as 1, k2
@@ -105,14 +141,11 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
        E_AUTH_FAILED},
       {"key change 1/2", change, P(1, 2), P(1, 2), 0, 0},
       {"key change 2/1", change, P(2, 1), P(2, 1), 0, 0},
-      {"key change 1/1", change, P(1, 1), P(1, 1), 0, 0},
-      {"key change 2/2", change, P(2, 2), P(2, 2), 0, 0},
       {"generation 0 takes a committed key", change, P(0, 1), P(1, 1), 0, 0},
       {"no wildcard for a new key", change, P(0, 1), P(2, 1), E_AUTH_FAILED, kAny},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    ShutdownSecurity();
     ASSERT_EQ(0, Init(c.file));
     PairResult r = RunAuthPair(c.client, c.server);
     EXPECT_TRUE(c.clientRc == kAny || c.clientRc == r.client) << r.client;
@@ -132,8 +165,7 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
               {k2, 2, true},
               {k2, 0, false},
               {k2, 1, false},
-              {Bytes(kx_->digestHex), 0, false},
-              {"", 0, false}};
+              {Bytes(kx_->digestHex), 0, false}};
   for (const auto& k : keys) EXPECT_EQ(k.want, isAuthorizedKey(k.key, k.gen)) << k.gen;
 }
 
@@ -141,97 +173,89 @@ TEST_F(KxsecTest, PairOutcomesByListedKeysAndGenerations) {
 // pair (2 is listed nowhere), 720 for missing parameters or other cipher lists.
 TEST_F(KxsecTest, RefusedBeforeTouchingTheSocket) {
   ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr)));
-  const int kNot = 0;  // that direction is not tried
-  struct Case {
+  using Fn = int (*)(int, const SecAuthParams&);
+  const Fn out = AuthenticateOutgoingWith, in = AuthenticateIncomingWith;
+  struct {
+    Fn fn;
     SecAuthParams p;
-    int out, in;
+    int rc;
   } cases[] = {
-      {P(1, 5), E_AUTH_FAILED, kNot},
-      {P(5, 1), kNot, E_AUTH_FAILED},
-      {P(1, 2), E_AUTH_FAILED, kNot},
-      {P(1, 0), E_AUTH_FAILED, kNot},
-      {{-1, 1, "AUTHONLY"}, E_AUTH_PARAMS, E_AUTH_PARAMS},
-      {{1, -1, "AUTHONLY"}, E_AUTH_PARAMS, E_AUTH_PARAMS},
-      {{1, 1, nullptr}, E_AUTH_PARAMS, E_AUTH_PARAMS},
-      {{1, 1, "authonly"}, E_AUTH_PARAMS, E_AUTH_PARAMS},
-      {{1, 1, "DEFAULT"}, E_AUTH_PARAMS, E_AUTH_PARAMS},
-      {{1, 1, ""}, E_AUTH_PARAMS, E_AUTH_PARAMS},
+      {out, P(1, 5), E_AUTH_FAILED},
+      {in, P(5, 1), E_AUTH_FAILED},
+      {out, P(1, 2), E_AUTH_FAILED},
+      {out, P(1, 0), E_AUTH_FAILED},
+      {out, {-1, 1, "AUTHONLY"}, E_AUTH_PARAMS},
+      {in, {1, -1, "AUTHONLY"}, E_AUTH_PARAMS},
+      {out, {1, 1, nullptr}, E_AUTH_PARAMS},
+      {in, {1, 1, "authonly"}, E_AUTH_PARAMS},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.p.aGen) + " " + std::to_string(c.p.cGen));
-    if (c.out != kNot) {
-      EXPECT_EQ(c.out, AuthenticateOutgoingWith(-1, c.p));
-    }
-    if (c.in != kNot) {
-      EXPECT_EQ(c.in, AuthenticateIncomingWith(-1, c.p));
-    }
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.rc, c.fn(-1, c.p)) << c.p.aGen << " " << c.p.cGen;
   }
-  // The greeting's view: a peer that sent no generation.
-  SdrSecInfo info;
-  info.keyGenNumber = 1;
-  EXPECT_EQ(E_AUTH_PARAMS, AuthenticateOutgoing(-1, info));
-  EXPECT_EQ(E_AUTH_PARAMS, AuthenticateIncoming(-1, info));
 }
 
 TEST_F(KxsecTest, GreetingGenerationsMapToRoles) {
   ShutdownSecurity();
   zelCipherListP = "AUTHONLY";
   SdrSecInfo info;
-  info.keyGenNumber = 3;      // ours
-  info.peerKeyGenNumber = 7;  // the peer's
-  SecAuthParams out = OutgoingAuthParams(info);
+  info.keyGenNumber = 3;                         // ours
+  info.peerKeyGenNumber = 7;                     // the peer's
+  SecAuthParams out = OutgoingAuthParams(info);  // we connect: the peer accepts
   SecAuthParams in = IncomingAuthParams(info);
-  EXPECT_EQ(7, out.aGen);  // we connect: the peer accepts
-  EXPECT_EQ(3, out.cGen);
-  EXPECT_EQ(3, in.aGen);  // we accept
-  EXPECT_EQ(7, in.cGen);
-  EXPECT_STREQ("AUTHONLY", out.cipherList);
+  EXPECT_EQ(std::make_tuple(out.aGen, out.cGen, in.aGen, in.cGen, std::string(out.cipherList)),
+            std::make_tuple(7, 3, 3, 7, std::string("AUTHONLY")));
 }
 
 TEST_F(KxsecTest, WithoutTheFileAuthenticationIsOff) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(0, InitSecurityAt(paths_));  // no file written
   testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(zelSecReady);
-  EXPECT_FALSE(GetKxSecurity().ready);  // connections send the plain greeting
-  EXPECT_EQ(nullptr, zelCipherListP);
-  EXPECT_EQ(-1, zelGetKeyGenNumber());
+  // Connections send the plain greeting.
+  EXPECT_EQ(std::make_tuple(zelSecReady, GetKxSecurity().ready, zelCipherListP == nullptr,
+                            zelGetKeyGenNumber()),
+            std::make_tuple(false, false, true, -1));
   SdrSecInfo info;
   EXPECT_EQ(0, AuthenticateOutgoing(-1, info));
   EXPECT_EQ(0, AuthenticateIncoming(-1, info));
 }
 
-TEST_F(KxsecTest, MissingLibraryIsAClearErrorWhenConfigured) {
-  tls::SetLibraryNames("libzel-absent-ssl.so.3", "libzel-absent-crypto.so.3");
-  testing::internal::CaptureStderr();
-  int rc = Init(Entry("home", 1, k1_, -1, nullptr));
-  std::string err = testing::internal::GetCapturedStderr();
-  tls::SetLibraryNames(nullptr, nullptr);
-  EXPECT_EQ(ELIBACC, rc);
-  EXPECT_FALSE(zelSecReady);
-  EXPECT_NE(std::string::npos, err.find("Auth: failed to load security library (err 79)")) << err;
-}
-
-TEST_F(KxsecTest, BadFileOrMissingKeysLeaveSecurityOff) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(E_INVAL, Init("clusterName=home\ncommittedKeyGenNumber=x\n"));
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(zelSecReady);
-  EXPECT_NE(std::string::npos, err.find("err 22 rc 16.")) << err;
-
-  ShutdownSecurity();
-  paths_.keys.keyPath = dir_.file("absent.key");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ENOENT, Init(Entry("home", 1, k1_, -1, nullptr)));
-  err = testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(zelSecReady);
-  EXPECT_NE(std::string::npos, err.find("Auth: failed to load private keys (err 2)")) << err;
+// Each failure leaves security off and says why.
+TEST_F(KxsecTest, InitFailuresLeaveSecurityOff) {
+  const std::string good = Entry("home", 1, k1_, -1, nullptr);
+  WriteFile(dir_.file("junk"), "not a key\n");
+  const std::string absent = dir_.file("absent"), junk = dir_.file("junk");
+  struct {
+    std::string file;
+    bool noLibrary;
+    std::string key, cert;  // empty: the good pair
+    int rc;
+    const char* text;
+  } cases[] = {
+      {good, true, "", "", ELIBACC, "Auth: failed to load security library (err 79)"},
+      {"clusterName=home\ncommittedKeyGenNumber=x\n", false, "", "", E_INVAL, "err 22 rc 16."},
+      {good, false, absent, "", ENOENT, "Auth: failed to load private keys (err 2)"},
+      {good, false, "", absent, ENOENT, "Auth: failed to load private keys (err 2)"},
+      {good, false, "", k2_->certPath, E_IO, "Auth: failed to load private keys (err 5)"},
+      {good, false, junk, "", E_IO, "Auth: failed to load private keys (err 5)"},
+  };
+  for (const auto& c : cases) {
+    if (c.noLibrary) tls::SetLibraryNames("libzel-absent-ssl.so.3", "libzel-absent-crypto.so.3");
+    paths_.keys.keyPath = c.key.empty() ? k1_->keyPath : c.key;
+    paths_.keys.certPath = c.cert.empty() ? k1_->certPath : c.cert;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(c.rc, Init(c.file));
+    std::string err = testing::internal::GetCapturedStderr();
+    tls::SetLibraryNames(nullptr, nullptr);
+    EXPECT_FALSE(zelSecReady);
+    EXPECT_NE(std::string::npos, err.find(c.text)) << err;
+  }
 }
 
 TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
   ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr) + "fips1402mode=off\n"));
-  EXPECT_FALSE(isFIPS1402());
-  EXPECT_EQ(3, getNistVar());
+  EXPECT_EQ(std::make_tuple(true, std::string("AUTHONLY"), 1, std::string("home"), false, 3),
+            std::make_tuple(zelSecReady, std::string(zelCipherListP), zelGetKeyGenNumber(),
+                            zelGetClusterName(), isFIPS1402(), getNistVar()));
   const ClusterInfoList* before = &zelAuthorizedKeys();
   EXPECT_TRUE(isAuthorizedKey(Bytes(k1_->digestHex), 1));
 
@@ -242,37 +266,57 @@ TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
   EXPECT_NE(before, &zelAuthorizedKeys());
   EXPECT_FALSE(isAuthorizedKey(Bytes(k1_->digestHex), 1));
   EXPECT_TRUE(isAuthorizedKey(Bytes(k1_->digestHex), 4));
-  EXPECT_EQ(4, zelGetKeyGenNumber());
-  EXPECT_EQ("other", zelGetClusterName());
-  EXPECT_TRUE(isFIPS1402());
-  EXPECT_EQ(1, getNistVar());
+  EXPECT_EQ(std::make_tuple(4, std::string("other"), true, 1),
+            std::make_tuple(zelGetKeyGenNumber(), zelGetClusterName(), isFIPS1402(), getNistVar()));
   // The local pair now serves generation 4 of the first entry.
   PairResult r = RunAuthPair(P(4, 4), P(4, 4));
-  EXPECT_EQ(0, r.client);
-  EXPECT_EQ(0, r.server);
+  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(r.client, r.server));
+}
+
+// A peer that says nothing, talks nonsense or hangs up ends the exchange with an
+// error, not a hang: the time-out is small here.
+TEST_F(KxsecTest, BadPeersEndInAnErrorNotAHang) {
+  ASSERT_EQ(0, Init(Entry("home", 1, k1_, -1, nullptr)));
+  SecSetTimeoutMs(200);
+  struct {
+    const char* name;
+    std::string peerSends;
+    bool peerCloses, asServer;
+    int want;
+  } cases[] = {
+      {"silent server", "", false, false, ETIMEDOUT},
+      {"garbage client", "GET / HTTP/1.0\r\n\r\n", false, true, E_AUTH_FAILED},
+      {"server alert", std::string("\x15\x03\x03\x00\x02\x02\x28", 7), false, false, E_AUTH_FAILED},
+      {"client hangs up", "", true, true, E_CONN_SHUTDOWN},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.name);
+    LoopbackPair p;
+    ASSERT_TRUE(p.ok());
+    int peer = k.asServer ? p.client : p.server;
+    if (!k.peerSends.empty()) {
+      ASSERT_TRUE(SendAll(peer, k.peerSends));
+    }
+    if (k.peerCloses) shutdown(peer, SHUT_WR);
+    EXPECT_EQ(k.want, k.asServer ? AuthenticateIncomingWith(p.server, P(1, 1))
+                                 : AuthenticateOutgoingWith(p.client, P(1, 1)));
+  }
 }
 
 TEST(KxsecPathsTest, NamesAroundTheKey) {
-  struct Case {
-    const char* key;
-    const char* cert;
-    const char* newKey;
-    const char* newCert;
-    const char* authKeys;
+  struct {
+    const char *key, *cert, *newKey, *newCert, *authKeys;
   } cases[] = {
       {"/var/kolt/ssl/id_rsa_committed", "/var/kolt/ssl/id_rsa_committed.cert",
        "/var/kolt/ssl/id_rsa_new", "/var/kolt/ssl/id_rsa_new.cert",
        "/var/kolt/ssl/authorized_zel_keys"},
       {"/tmp/repo/zel.pem", "/tmp/repo/zel.pem", "/tmp/repo/zel.new.pem", "/tmp/repo/zel.new.pem",
        "/tmp/repo/authorized_zel_keys"},
-      {"/a.b/key", "/a.b/key", "/a.b/key.new", "/a.b/key.new", "/a.b/authorized_zel_keys"},
-      {"key", "cert", "key.new", "cert.new", "authorized_zel_keys"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SecPaths p = SecPathsForKey(c.key, c.cert);
-    EXPECT_EQ(c.newKey, p.keys.newKeyPath);
-    EXPECT_EQ(c.newCert, p.keys.newCertPath);
-    EXPECT_EQ(c.authKeys, p.authKeysPath);
+    EXPECT_EQ(std::make_tuple(p.keys.newKeyPath, p.keys.newCertPath, p.authKeysPath),
+              std::make_tuple(c.newKey, c.newCert, c.authKeys));
   }
 }
 

@@ -1,21 +1,15 @@
 // A scripted fake repository server for tests. It listens on 127.0.0.1 (or ::1)
-// on an ephemeral port, accepts connections one after another on its own thread,
-// answers the connection greeting, and works through a first-in-first-out script:
-// each step expects one request and then runs its actions. "eor" requests are
-// answered by the server itself unless a step expects "eor". Every message
-// received is recorded. At destruction the server waits briefly for the script to
-// be used up, then fails the test if any step is left or anything unexpected came
-// (a message that does not match its step consumes the step and closes the
-// connection).
+// on an ephemeral port, serves connections one after another on its own thread,
+// answers the greeting, and works through a first-in-first-out script: each step
+// expects one request and then runs its actions. "eor" requests are answered by
+// the server itself unless a step expects "eor". Every message is recorded. At
+// destruction it waits briefly for the script to be used up, then fails the test
+// if a step is left or anything unexpected came (a mismatch consumes the step and
+// closes the connection).
 //
-// Example:
 //   FakeServer srv;
-//   srv.expect(MSG_TYPE_VGET, "name")            // request type (and body) expected
-//       .reply(REPLY_TYPE_STDOUT, "hello\n")     // any sequence of replies
-//       .reply(REPLY_TYPE_SEQ_COMMIT, body);
+//   srv.expect(MSG_TYPE_VGET, "name").reply(REPLY_TYPE_STDOUT, "hi\n").reply(50, body);
 //   srv.expect(MSG_TYPE_FPUT).reply(REPLY_TYPE_UID_FPUT, uid).receiveFile();
-//   ... client code against srv.addr() ...
-//   EXPECT_EQ(srv.messages()[0].body, "name");
 //
 // Several instances may run at once (a cluster); all waits are bounded.
 #ifndef TESTS_SUPPORT_FAKESERVER_H
@@ -32,27 +26,22 @@
 
 #include "zel/kxcomm_addr.h"
 
-// One message the server received. conn counts accepted connections from 1.
 struct FakeMsg {
-  int conn = 0;
   int type = 0;
   std::string body;
 };
 
 // What a client's greeting carried.
 struct FakeGreeting {
-  std::string raw;
-  int version = 0;
+  std::string raw, clusterName;
+  int version = 0, keyGenNumber = -1;
   unsigned long long clusterId = 0;
   bool hasRecord6 = false;
-  int keyGenNumber = -1;
-  std::string clusterName;
 };
 
-// A file the server received with receiveFile().
+// A file received with receiveFile(); crcOk: its "fcrc" matched the data.
 struct FakeFile {
   std::string data;
-  unsigned int crcSent = 0;
   bool crcOk = false;
 };
 
@@ -60,27 +49,23 @@ class FakeServer {
  public:
   struct Options {
     bool ipv6 = false;                         // listen on ::1
-    bool greeting = true;                      // false: no greeting exchange at all
     unsigned long long clusterId = 0;          // answer record 9
     int version = 101;                         // answer record 9
     unsigned int status = 0;                   // non-zero: reject the connection
-    bool badMagic = false;                     // answer with a wrong magic
     bool record6 = false;                      // answer with record 6
     int keyGenNumber = 1;                      // in record 6
     std::string clusterName = "fake.cluster";  // in record 6
     // Records (type, payload) chained in before record 6/9.
     std::vector<std::pair<unsigned int, std::string>> extraRecords;
-    std::string rawAnswer;  // non-empty: sent instead of the built answer
-    bool autoEor = true;
-    // Run between the header and the body of a connection's first message
-    // that needs authentication, once per connection; non-zero closes the
-    // connection. After an "eor" exchange the next message counts as a first
-    // one again (the client took the connection back from its cache).
+    std::string rawAnswer;  // non-empty: sent instead of the built answer, then closed
+    // Run between the header and the body of a connection's first message that
+    // needs authentication; non-zero closes the connection. After an "eor"
+    // exchange the next message counts as a first one again.
     int (*authenticateIncoming)(int sock) = nullptr;
     int drainMs = 3000;  // how long teardown waits for the script to finish
   };
 
-  FakeServer();
+  FakeServer() : FakeServer(Options()) {}
   explicit FakeServer(const Options& o);
   ~FakeServer();
   FakeServer(const FakeServer&) = delete;
@@ -90,74 +75,73 @@ class FakeServer {
   CommAddr addr() const;
   std::string hostPort() const;  // "127.0.0.1:port" or "[::1]:port"
 
-  // ---- script: a step expects one message ----
-  FakeServer& expect(int type);
-  FakeServer& expect(int type, const std::string& body);
-  FakeServer& expectAny();
-  // A step run right after the greeting of the next connection, with no message.
-  FakeServer& onConnect();
+  // A script step: one message expected (and its body, when given).
+  FakeServer& expect(int type) { return addStep(type, false, ""); }
+  FakeServer& expect(int type, const std::string& body) { return addStep(type, true, body); }
 
-  // ---- actions, appended to the last step ----
+  // Actions, appended to the last step.
   FakeServer& reply(int type, const std::string& body = std::string());
-  // A "failed" reply carrying code (VarUInt, bias -1).
-  FakeServer& replyFailed(int code);
-  // The body with every byte inverted.
-  FakeServer& replyCorrupt(int type, const std::string& body);
-  FakeServer& raw(const std::string& bytes);
+  FakeServer& replyFailed(int code);  // a "failed" reply carrying code
+  FakeServer& raw(const std::string& bytes) { return addAction(kRaw, bytes, 0); }
   // A header announcing len bytes, and no body.
-  FakeServer& header(int type, unsigned int len);
+  FakeServer& header(int type, unsigned int len) { return raw(header8(type, len)); }
   // Announces body.size(), sends the first keep bytes, then closes.
   FakeServer& truncated(int type, const std::string& body, size_t keep);
-  FakeServer& closeConn();
-  FakeServer& stall(int ms);
+  FakeServer& closeConn() { return addAction(kClose, "", 0); }
+  FakeServer& stall(int ms) { return addAction(kStall, "", ms); }
   // Reads "fdata" messages up to one "fcrc" and stores the file.
-  FakeServer& receiveFile();
+  FakeServer& receiveFile() { return addAction(kRecvFile, "", 0); }
   // Sends data as "fdata" chunks and an "fcrc" whose CRC is XORed with crcXor.
   FakeServer& sendFile(const std::string& data, unsigned int crcXor = 0, size_t chunk = 1048576);
 
-  // ---- inspection (thread-safe copies) ----
-  std::vector<FakeMsg> messages() const;
+  // Inspection (thread-safe copies).
+  std::vector<FakeMsg> messages() const { return copyOf(msgs_); }
   std::vector<FakeMsg> messagesOfType(int type) const;
-  std::vector<FakeGreeting> greetings() const;
-  std::vector<FakeFile> files() const;
+  std::vector<FakeGreeting> greetings() const { return copyOf(greetings_); }
+  std::vector<FakeFile> files() const { return copyOf(files_); }
   int connections() const { return nConns_.load(); }
   // Waits up to ms for the script to be used up (and its actions run).
   bool waitDone(int ms) const;
 
-  // Encoders for bodies.
-  static std::string failedBody(int code);
+  static std::string failedBody(int code);  // VarUInt, bias -1
   static std::string header8(int type, unsigned int len);
 
+ private:
+  enum Kind { kRaw, kClose, kStall, kRecvFile };
   struct Action {
-    enum Kind { kRaw, kClose, kStall, kRecvFile, kSendFile } kind;
+    Kind kind;
     std::string bytes;
-    int ms = 0;
-    unsigned int crcXor = 0;
-    size_t chunk = 0;
+    int ms;
   };
   struct Step {
-    enum Kind { kExpect, kAny, kConnect } kind;
-    int type = 0;
-    bool matchBody = false;
+    int type;
+    bool matchBody;
     std::string body;
     std::vector<Action> actions;
   };
+  struct ConnState {
+    bool first = true, authenticated = false;
+  };
 
- private:
+  template <class T>
+  std::vector<T> copyOf(const std::vector<T>& v) const {
+    std::lock_guard<std::mutex> g(mu_);
+    return v;
+  }
+  FakeServer& addStep(int type, bool matchBody, const std::string& body);
+  FakeServer& addAction(Kind kind, const std::string& bytes, int ms);
   void run();
-  void serveConn(int fd, int connNo);
+  void serveConn(int fd);
   bool readGreeting(int fd);
   bool sendAnswer(int fd);
-  bool runActions(int fd, int connNo, const std::vector<Action>& acts);
-  struct ConnState {
-    bool first = true;
-    bool authenticated = false;
-  };
-  bool recvMsg(int fd, int connNo, ConnState* st, int* type, std::string* body);
-  bool recvAll(int fd, char* buf, size_t len);
-  bool sendAll(int fd, const std::string& bytes);
+  bool runActions(int fd, const std::vector<Action>& acts);
+  bool recvMsg(int fd, ConnState* st, int* type, std::string* body);
+  bool io(int fd, char* buf, size_t len, bool out);
+  bool sendAll(int fd, const std::string& s) {
+    return io(fd, const_cast<char*>(s.data()), s.size(), true);
+  }
   void fail(const std::string& what);
-  Step& lastStep();
+  void finishStep();
 
   Options opt_;
   int listenFd_ = -1;

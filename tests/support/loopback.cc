@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -40,24 +39,19 @@ bool SendAll(int fd, const std::string& text) {
   return true;
 }
 
-std::string RecvExactly(int fd, size_t n, int timeoutMs) {
-  std::string out;
-  for (int i = 0; i < 1000 && out.size() < n; ++i) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0) break;
-    char buf[4096];
-    size_t want = n - out.size() < sizeof buf ? n - out.size() : sizeof buf;
-    ssize_t got = recv(fd, buf, want, 0);
-    if (got <= 0) break;
-    out.append(buf, static_cast<size_t>(got));
-  }
-  return out;
+namespace {
+
+// Exactly n bytes within 5 s, then nothing more waiting.
+bool RecvOnly(int fd, const std::string& want) {
+  timeval tv{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  std::string got(want.size() + 1, '\0');
+  if (recv(fd, &got[0], want.size(), MSG_WAITALL) != static_cast<ssize_t>(want.size()))
+    return false;
+  return got.compare(0, want.size(), want) == 0 && recv(fd, &got[0], 1, MSG_DONTWAIT) < 0;
 }
 
-bool HasPendingByte(int fd) {
-  char c;
-  return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
-}
+}  // namespace
 
 PairResult RunPair(const std::function<int(int sock)>& client,
                    const std::function<int(int sock)>& server) {
@@ -69,9 +63,8 @@ PairResult RunPair(const std::function<int(int sock)>& client,
   if (r.client != 0) shutdown(p.client, SHUT_RDWR);  // do not leave the server waiting
   th.join();
   if (r.client == 0 && r.server == 0) {
-    r.plainFlows = SendAll(p.client, "hdr+body") && RecvExactly(p.server, 8, 5000) == "hdr+body" &&
-                   SendAll(p.server, "reply") && RecvExactly(p.client, 5, 5000) == "reply" &&
-                   !HasPendingByte(p.server) && !HasPendingByte(p.client);
+    r.plainFlows = SendAll(p.client, "hdr+body") && RecvOnly(p.server, "hdr+body") &&
+                   SendAll(p.server, "reply") && RecvOnly(p.client, "reply");
   }
   return r;
 }

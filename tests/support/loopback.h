@@ -15,10 +15,6 @@ struct LoopbackPair {
 
 // Sends all of text (blocking); false on error.
 bool SendAll(int fd, const std::string& text);
-// Reads exactly n bytes within timeoutMs; what arrived before an error or the time-out.
-std::string RecvExactly(int fd, size_t n, int timeoutMs);
-// Whether a byte is waiting on the socket right now.
-bool HasPendingByte(int fd);
 
 struct PairResult {
   int client = -1;

@@ -8,12 +8,16 @@
 #include "testutil.h"
 #include "transport/tlsapi.h"
 
+namespace {
+
 std::string OpensslTool() {
   for (const char* p : {"/usr/bin/openssl", "/usr/local/bin/openssl", "/bin/openssl"}) {
     if (access(p, X_OK) == 0) return p;
   }
   return "";
 }
+
+}  // namespace
 
 std::string SecTestSkipReason() {
   if (OpensslTool().empty()) return "the openssl command-line tool is not installed";

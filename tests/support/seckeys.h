@@ -14,8 +14,6 @@ struct TestKey {
   std::string digestHex;  // SHA-256 of the DER public key, as the tool computes it
 };
 
-// Path of the openssl tool, or empty when it is not installed.
-std::string OpensslTool();
 // Why keys cannot be made here (no tool, no TLS library), or empty.
 std::string SecTestSkipReason();
 // Makes an EC P-256 key and certificate named name in dir.
