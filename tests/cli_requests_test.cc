@@ -51,20 +51,15 @@ TEST_F(CliRequestsTest, PrintingAndExitStatuses) {
   const std::string err1 = V(807, -1) + commit, err2 = V(157, -1) + commit;
   const std::string vlist =
       "  version  name                 value\n"
-      "---------  -------------------- "
-      "--------------------------------------------\n"
-      "        4  alpha                \"x y\"\n        "
-      "2  empty                \"\"\n";
+      "---------  -------------------- --------------------------------------------\n"
+      "        4  alpha                \"x y\"\n        2  empty                \"\"\n";
   const std::string flist =
       "  version  name\n---------  --------------------\n"
       "        0  zel.nodes           \n        3  data                \n";
   const std::string show =
-      "seq 12\nconfig: minNodes: 0 version 1\n  nodes: "
-      "[]\n  disks: []\nleader: id -1 version 0\n"
-      "updates: horizon -1\nvalues: 2, max deleted "
-      "version 0\n  alpha = version 4 \"x y\"\n"
-      "  empty = version 2 \"\"\nfiles: 1, max deleted "
-      "version 0\n  7 = version 3 uid "
+      "seq 12\nconfig: minNodes: 0 version 1\n  nodes: []\n  disks: []\nleader: id -1 version 0\n"
+      "updates: horizon -1\nvalues: 2, max deleted version 0\n  alpha = version 4 \"x y\"\n"
+      "  empty = version 2 \"\"\nfiles: 1, max deleted version 0\n  7 = version 3 uid "
       "((n1,e1),2)\n";
   // clang-format off
   struct {

@@ -30,9 +30,8 @@ std::string HeaderLine(const std::string& file) {
   LoadUInt32(file.data() + 4, file.data() + file.size(), &crc);
   char line[128];
   snprintf(line, sizeof line,
-           "hdr: magic 1FABC4AD, crc %08X, len %zu, fmtVersion 1 cid 77 "
-           "lastWriterId 3\n",
-           crc, file.size());
+           "hdr: magic 1FABC4AD, crc %08X, len %zu, fmtVersion 1 cid 77 lastWriterId 3\n", crc,
+           file.size());
   return line;
 }
 
@@ -69,12 +68,9 @@ TEST_F(CliWireTest, ReadPaxosPrintsTheFile) {
                        "pfd: epoch 2, slotAssignmentVersion 4\n"
                        "dblk: seq 5, mbal (5.1), bal (3.2), inp ((n1,e2),3):vu:7:('a','b'), "
                        "leaderChallengeVersion 6\n"
-                       "config: minNodes: 1 version 3\n  nodes: [(N1,S0,V0,L1)]\n  disks: "
-                       "[D7]\n"
-                       "leader: id 1 version 2\nupdates: horizon 9\n  (n1,e2): 3\n  "
-                       "(n4,e1): 12\n"
-                       "values: None, max deleted version 2\nfiles: None, max deleted "
-                       "version 1\n");
+                       "config: minNodes: 1 version 3\n  nodes: [(N1,S0,V0,L1)]\n  disks: [D7]\n"
+                       "leader: id 1 version 2\nupdates: horizon 9\n  (n1,e2): 3\n  (n4,e1): 12\n"
+                       "values: None, max deleted version 2\nfiles: None, max deleted version 1\n");
 
   WriteFile(path, bytes.substr(0, bytes.size() - 1));
   r = Run({"readpaxos", path});
@@ -122,19 +118,15 @@ TEST_F(CliWireTest, DumpAndQuitResult) {
 TEST_F(CliWireTest, DebugBodiesAnswersAndResult) {
   FakeServer a, b;
   const std::string nodes = "-n" + a.hostPort() + "," + b.hostPort();
-  // Arguments, body, the answers of a and b (b fails with 22 when empty), output, exit status.
-  const std::tuple<std::vector<std::string>, std::string, std::string, std::string, std::string,
-                   int>
-      cases[] = {
-          {{"echo", nodes}, S("echo") + V(0, 0), "hi", "", "hi\n", 0},
-          {{"trace", nodes, "zel", "5"},
-           S("trace") + V(2, 0) + S("zel") + S("5"),
-           "",
-           "t",
-           "t\n",
-           0},
-          {{"netdown", nodes, "1"}, S("netdown") + V(1, 0) + S("1"), "x", "", "x\n", 149},
-      };
+  // Arguments, body, the answers of a and b, output, exit status (b fails with 22 unless 0).
+  using Args = std::vector<std::string>;
+  const std::tuple<Args, std::string, std::string, std::string, std::string, int> cases[] = {
+      // clang-format off
+      {{"echo", nodes}, S("echo") + V(0, 0), "hi", "", "hi\n", 0},
+      {{"trace", nodes, "zel", "5"}, S("trace") + V(2, 0) + S("zel") + S("5"), "", "t", "t\n", 0},
+      {{"netdown", nodes, "1"}, S("netdown") + V(1, 0) + S("1"), "x", "", "x\n", 149},
+      // clang-format on
+  };
   for (const auto& [args, body, answerA, answerB, out, status] : cases) {
     a.expect(MSG_TYPE_DEBUG, body).reply(MSG_TYPE_OK, answerA);
     FakeServer& sb = b.expect(MSG_TYPE_DEBUG, body);

@@ -14,12 +14,12 @@ TEST(NodeListFileTest, ReadsGoodLinesAndCountsBadOnes) {
       // text, rc, nodes read
       {"3,0,10.1.1.1,,nodeC", 0, "[(3, 'nodeC', ('10.1.1.1', 1191))]"},  // no final newline
       {"", 0, "[]"},
+      // Each bad line is skipped and counted: port, id, flag, empty id, sign, fields, empty line.
       {"1,0,h,x,a\n-3,0,h,,c\n1,,h,,a\n,0,h,,a\n1,0,h,+5,a\n1,0,h\n\n2,0,h,,b\n", E_IO,
        "[(2, 'b', ('h', 1191))]"},
       // Commas in the name; no carriage return is stripped.
       {"1,0,host,,n,a,b\n2,3,10.0.0.2,7000,b\r\n4,2,,0,\n", 0,
-       "[(1, 'n,a,b', ('host', 1191)), (2 (old), 'b\r', ('10.0.0.2', 7000)), "
-       "(4, '', ('', 0))]"},
+       "[(1, 'n,a,b', ('host', 1191)), (2 (old), 'b\r', ('10.0.0.2', 7000)), (4, '', ('', 0))]"},
   };
   for (const auto& [text, rc, want] : cases) {
     WriteFile(d.file("zel.nodes"), text);
@@ -46,8 +46,7 @@ TEST(ListFileTest, WriteThenReadRoundTrips) {
 TEST(DiskListFileTest, ReadRules) {
   TempDir d;
   WriteFile(d.file("zel.disks"),
-            "2,0,/dev/first\n4,2,disk\n2,1,/dev/"
-            "second\n5,3,disk,with,commas\nbad\n6,x,y\n");
+            "2,0,/dev/first\n4,2,disk\n2,1,/dev/second\n5,3,disk,with,commas\nbad\n6,x,y\n");
   DiskMap disks = {{9, ZELDisk("stale", 0)}};
   EXPECT_EQ(E_IO, readDiskList(d.file("zel.disks"), &disks));
   // The last line for a slot wins; only the lowest bit of the flag counts.

@@ -72,8 +72,7 @@ TEST(ExitStatusTest, Table) {
 
 TEST(UsageTest, NamesProgramAndOmitsHiddenSubcommands) {
   std::string u = UsageText("/x/kxzel");
-  EXPECT_EQ(0u, u.find("Usage: /x/kxzel subcommand common-options "
-                       "subcommand-options...\n\n"));
+  EXPECT_EQ(0u, u.find("Usage: /x/kxzel subcommand common-options subcommand-options...\n\n"));
   EXPECT_NE(std::string::npos,
             u.find("  fdel [-c version ] name             -- deleted named file"));
   for (const char* hidden : {"readpaxos", "refresh", "show", "quit", "netdown", "config"}) {

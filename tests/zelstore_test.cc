@@ -114,8 +114,7 @@ TEST_F(StoreTest, CreateModesAndFatalStartUps) {
 
   Restart();
   EXPECT_EXIT(InitZELIO(0, 1, true), ::testing::ExitedWithCode(1),
-              "Directory .* already exists.\nDelete the directory first, or "
-              "use -F option");
+              "Directory .* already exists.\nDelete the directory first, or use -F option");
   WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n");
   EXPECT_DEATH(InitZELIO(0, 0, true),
                "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");
