@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "support/clifixture.h"
 #include "support/fakeserver.h"
@@ -47,23 +49,19 @@ TEST_F(CliAuthTest, EveryNodeIsAskedAndTheFirstFailureDecides) {
 TEST_F(CliAuthTest, WithoutNodesThisNodeElseLocalhost) {
   FakeServer srv;
   std::string port = std::to_string(srv.port());
-  struct Case {
-    std::string nodes;
-    std::string want;
-  } cases[] = {
+  // The local node list, the expected report.
+  const std::pair<std::string, std::string> cases[] = {
       // Not a quorum node: "localhost" on the current port.
       {"1,0,10.200.0.1,,far\n", Failure(-1, "localhost", E_ZEL_VERSION_MATCH)},
       // A quorum node: itself.
       {"1,0,10.200.0.1,,far\n3,0,127.0.0.1," + port + ",self\n",
        Failure(3, "self", E_ZEL_VERSION_MATCH)},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.nodes);
-    WriteFile(base_ + "/zel.nodes", c.nodes);
+  for (const auto& [nodes, want] : cases) {
+    WriteFile(base_ + "/zel.nodes", nodes);
     srv.expect(MSG_TYPE_AUTH, "").replyFailed(E_ZEL_VERSION_MATCH);
     RunResult r = Run({"auth"}, {{"ZEL_PORT", port}});
-    EXPECT_EQ(155, r.exitStatus);
-    EXPECT_EQ(c.want, r.err);
+    EXPECT_EQ(std::make_tuple(r.exitStatus, r.err), std::make_tuple(155, want)) << nodes;
   }
   EXPECT_TRUE(srv.waitDone(3000));
 }
