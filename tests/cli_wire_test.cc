@@ -2,12 +2,12 @@
 
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/clifixture.h"
 #include "support/fakeserver.h"
-#include "zel/paxosdata.h"
-#include "zel/paxosutils.h"
+#include "support/wirebodies.h"
 #include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
 #include "zel/zelutils.h"
@@ -35,6 +35,7 @@ std::string HeaderLine(const std::string& file) {
   return line;
 }
 
+// Non-empty value and file lists are printed by "show".
 TEST_F(CliWireTest, ReadPaxosPrintsTheFile) {
   PaxosFileData pfd;
   pfd.epoch = 2;
@@ -46,138 +47,95 @@ TEST_F(CliWireTest, ReadPaxosPrintsTheFile) {
   s.inp = ProposedUpdate(UpdateId(1, 2, 3), ValueUpdate("a", "b"), 7);
   s.leaderChallengeVersion = 6;
   CommittedState& c = s.committed;
-  NodeDescriptor n;
-  n.id = 1;
-  n.slot = 0;
-  n.listen = true;
-  c.config.nodes.push_back(n);
+  c.config.nodes.push_back(NodeDescriptor{1, 0, 0, true});
   c.config.disks = {7};
   c.config.minNodes = 1;
   c.cfgVersion = 3;
   c.leaderId = 1;
   c.leaderVersion = 2;
   c.updateHorizon = 9;
-  c.updateList[UpdateStream{1, 2}] = 3;
   c.updateList[UpdateStream{4, 1}] = 12;
-  c.valueList["a"] = ValueVersion{4, "x"};
-  c.valueList["b"] = ValueVersion{1, ""};
+  c.updateList[UpdateStream{1, 2}] = 3;
   c.maxDeletedValueVersion = 2;
-  c.fileList[5] = FileVersion(6, UpdateId(1, 2, 3), 0xDEADBEEF);
   c.maxDeletedFileVersion = 1;
-  const std::string full = dir_.file("full.paxos");
-  StoreFile(full, pfd);
-
-  PaxosFileData empty;
-  empty.summary.seq = 0;
-  const std::string bare = dir_.file("bare.paxos");
-  StoreFile(bare, empty);
-
-  const std::string fullBytes = ReadFile(full), bareBytes = ReadFile(bare);
-  struct {
-    std::string path;
-    std::vector<std::string> lines;
-  } cases[] = {
-      {full,
-       {full + " (size " + std::to_string(fullBytes.size()) + "):\n", HeaderLine(fullBytes),
-        "pfd: epoch 2, slotAssignmentVersion 4\n",
-        "dblk: seq 5, mbal (5.1), bal (3.2), inp ((n1,e2),3):vu:7:('a','b'), "
-        "leaderChallengeVersion 6\n",
-        "config: minNodes: 1 version 3\n", "  nodes: [(N1,S0,V0,L1)]\n", "  disks: [D7]\n",
-        "leader: id 1 version 2\n", "updates: horizon 9\n", "  (n1,e2): 3\n", "  (n4,e1): 12\n",
-        "values: 2, max deleted version 2\n", "  a = version 4 \"x\"\n", "  b = version 1 \"\"\n",
-        "files: 1, max deleted version 1\n", "  5 = version 6 uid ((n1,e2),3)\n"}},
-      {bare,
-       {bare + " (size " + std::to_string(bareBytes.size()) + "):\n", HeaderLine(bareBytes),
-        "pfd: epoch 0, slotAssignmentVersion 0\n",
-        "dblk: seq 0, mbal (0.0), bal (0.0), inp ((n0,e0),0):(none):-1:None, "
-        "leaderChallengeVersion 0\n",
-        "config: minNodes: 0 version 0\n", "  nodes: []\n", "  disks: []\n",
-        "leader: id -1 version 0\n", "updates: horizon -1\n",
-        "values: None, max deleted version 0\n", "files: None, max deleted version 0\n"}},
-  };
-  for (const auto& c : cases) {
-    RunResult r = Run({"readpaxos", c.path});
-    EXPECT_EQ(r.exitStatus, 0) << c.path;
-    EXPECT_EQ(r.err, "");
-    std::string want;
-    for (const auto& l : c.lines) want += l;
-    EXPECT_EQ(r.out, want);
-  }
-}
-
-TEST_F(CliWireTest, ReadPaxosFailures) {
-  PaxosFileData pfd;
-  pfd.summary.seq = 1;
-  const std::string path = dir_.file("zel.paxos");
+  const std::string path = dir_.file("full.paxos");
   StoreFile(path, pfd);
-  std::string bytes = ReadFile(path);
-  WriteFile(dir_.file("short"), bytes.substr(0, bytes.size() - 1));
-  struct {
-    std::string path;
-    int err;
-  } cases[] = {{dir_.file("absent"), ENOENT}, {dir_.file("short"), 214}, {dir_.path(), EISDIR}};
-  for (const auto& c : cases) {
-    RunResult r = Run({"readpaxos", c.path});
-    EXPECT_EQ(r.exitStatus, 149) << c.path;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "loadFromFile failed with err " + std::to_string(c.err) + "\n");
-  }
+  const std::string bytes = ReadFile(path);
+  RunResult r = Run({"readpaxos", path});
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.out, path + " (size " + std::to_string(bytes.size()) + "):\n" + HeaderLine(bytes) +
+                       "pfd: epoch 2, slotAssignmentVersion 4\n"
+                       "dblk: seq 5, mbal (5.1), bal (3.2), inp ((n1,e2),3):vu:7:('a','b'), "
+                       "leaderChallengeVersion 6\n"
+                       "config: minNodes: 1 version 3\n  nodes: [(N1,S0,V0,L1)]\n  disks: [D7]\n"
+                       "leader: id 1 version 2\nupdates: horizon 9\n  (n1,e2): 3\n  (n4,e1): 12\n"
+                       "values: None, max deleted version 2\nfiles: None, max deleted version 1\n");
+
+  WriteFile(path, bytes.substr(0, bytes.size() - 1));
+  r = Run({"readpaxos", path});
+  EXPECT_EQ(std::make_tuple(r.exitStatus, r.out, r.err),
+            std::make_tuple(149, std::string(), std::string("loadFromFile failed with err 214\n")));
 }
 
-std::string Loc(const FakeServer& s) {
-  return "127.0.0.1:" + std::to_string(s.port());
-}
-
-TEST_F(CliWireTest, DumpResultIsThatOfTheLastNode) {
-  {
-    FakeServer a, b;
-    a.expect(MSG_TYPE_DUMP, "").replyFailed(149);
-    b.expect(MSG_TYPE_DUMP, "").reply(MSG_TYPE_OK, "ignored");
-    RunResult r = Run({"dump", "-n", Loc(a) + "," + Loc(b)});
-    EXPECT_EQ(r.exitStatus, 0) << r.err;
+// The result is the last failure among the nodes (a later success does not
+// clear it); without -n the local node list is used.
+TEST_F(CliWireTest, DumpAndQuitResult) {
+  // Command, each node's error (0 for success), local list, exit status.
+  const std::tuple<const char*, std::vector<int>, bool, int> cases[] = {
+      {"dump", {149, 0}, false, 0},
+      {"dump", {0, 805}, false, 153},
+      {"quit", {805, 806, 0}, true, 155}};
+  for (const auto& [cmd, errs, local, status] : cases) {
+    FakeServer srv[3];
+    std::string items, list;
+    for (size_t i = 0; i < errs.size(); i++) {
+      FakeServer& s = srv[i].expect(cmd[0] == 'd' ? MSG_TYPE_DUMP : MSG_TYPE_QUIT, "");
+      errs[i] != 0 ? s.replyFailed(errs[i]) : s.reply(MSG_TYPE_OK, "ignored");
+      items += (i ? "," : "") + srv[i].hostPort();
+      list += std::to_string(i + 1) + ",0,127.0.0.1," + std::to_string(srv[i].port()) + ",n\n";
+    }
+    WriteFile(base_ + "/zel.nodes", local ? list : nodes_);
+    RunResult r = local ? Run({cmd}) : Run({cmd, "-n", items});
+    EXPECT_EQ(r.exitStatus, status) << cmd << r.err;
     EXPECT_EQ(r.out, BaseLine());
-  }
-  {
-    FakeServer a, b;
-    a.expect(MSG_TYPE_DUMP, "").reply(MSG_TYPE_OK);
-    b.expect(MSG_TYPE_DUMP, "").replyFailed(805);
-    RunResult r = Run({"dump", "-n", Loc(a), "-n", Loc(b)});
-    EXPECT_EQ(r.exitStatus, 153) << r.err;
-  }
-}
-
-TEST_F(CliWireTest, QuitLastFailureWins) {
-  {
-    FakeServer a, b, c;
-    a.expect(MSG_TYPE_QUIT, "").replyFailed(805);
-    b.expect(MSG_TYPE_QUIT, "").replyFailed(806);
-    c.expect(MSG_TYPE_QUIT, "").reply(MSG_TYPE_OK);
-    RunResult r = Run({"quit", "-n", Loc(a) + "," + Loc(b) + "," + Loc(c)});
-    EXPECT_EQ(r.exitStatus, 155) << r.err;  // 806; the later success does not clear it
-    EXPECT_EQ(r.out, BaseLine());
-  }
-  {
-    // Without -n the local node list is used.
-    FakeServer a, b;
-    a.expect(MSG_TYPE_QUIT, "").replyFailed(807);
-    b.expect(MSG_TYPE_QUIT, "").reply(MSG_TYPE_OK);
-    WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1," + std::to_string(a.port()) +
-                                        ",a\n2,0,127.0.0.1," + std::to_string(b.port()) + ",b\n");
-    RunResult r = Run({"quit"});
-    EXPECT_EQ(r.exitStatus, 154) << r.err;
   }
 
   // No node: the empty-set message (after any parse messages).
   const std::string msg =
       "Not zel.nodes file and no node list specified (use '-n nodeList' option)\n";
-  WriteFile(base_ + "/zel.nodes", "");
-  RunResult r = Run({"quit"});
-  EXPECT_EQ(r.exitStatus, 149);
-  EXPECT_EQ(r.err, msg);
-  // Every item rejected: the parse messages, then the empty-set message.
-  r = Run({"quit", "-n", "0=127.0.0.1"});
+  RunResult r = Run({"quit", "-n", "0=127.0.0.1"});
   EXPECT_EQ(r.exitStatus, 149);
   EXPECT_EQ(r.err, "Invalid node id 0 in '0=127.0.0.1'\n" + msg);
+  WriteFile(base_ + "/zel.nodes", "");
+  r = Run({"quit"});
+  EXPECT_EQ(r.err, msg);
+}
+
+// Debug words: the body is the word, the argument count and the arguments;
+// each node's non-empty answer is printed, and the last node's error is the
+// result.
+TEST_F(CliWireTest, DebugBodiesAnswersAndResult) {
+  FakeServer a, b;
+  const std::string nodes = "-n" + a.hostPort() + "," + b.hostPort();
+  // Arguments, body, the answers of a and b, output, exit status (b fails with 22 unless 0).
+  using Args = std::vector<std::string>;
+  const std::tuple<Args, std::string, std::string, std::string, std::string, int> cases[] = {
+      // clang-format off
+      {{"echo", nodes}, S("echo") + V(0, 0), "hi", "", "hi\n", 0},
+      {{"trace", nodes, "zel", "5"}, S("trace") + V(2, 0) + S("zel") + S("5"), "", "t", "t\n", 0},
+      {{"netdown", nodes, "1"}, S("netdown") + V(1, 0) + S("1"), "x", "", "x\n", 149},
+      // clang-format on
+  };
+  for (const auto& [args, body, answerA, answerB, out, status] : cases) {
+    a.expect(MSG_TYPE_DEBUG, body).reply(MSG_TYPE_OK, answerA);
+    FakeServer& sb = b.expect(MSG_TYPE_DEBUG, body);
+    status == 0 ? sb.reply(MSG_TYPE_OK, answerB) : sb.replyFailed(22);
+    RunResult r = Run(args);
+    EXPECT_EQ(std::make_tuple(status, BaseLine() + out), std::make_tuple(r.exitStatus, r.out))
+        << args[0];
+    EXPECT_TRUE(a.waitDone(3000) && b.waitDone(3000));
+  }
 }
 
 }  // namespace

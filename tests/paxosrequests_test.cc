@@ -113,11 +113,9 @@ TEST_F(RequestTest, RetryScheduleTimeoutsAndStopRules) {
     int seq = 0;
     CommittedState st;
     EXPECT_EQ(PaxosValueGet(&seq, &st), c.rc);
-    ASSERT_EQ(connects.size(), c.timeouts.size());
-    for (size_t i = 0; i < connects.size(); i++) {
-      EXPECT_EQ(connects[i].first, static_cast<int>(i) % c.n + 1) << i;
-      EXPECT_EQ(connects[i].second, c.timeouts[i]) << i;
-    }
+    std::vector<std::pair<int, int>> want;
+    for (size_t i = 0; i < c.timeouts.size(); i++) want.push_back({i % c.n + 1, c.timeouts[i]});
+    EXPECT_EQ(connects, want);
     EXPECT_EQ(sleeps, c.pauses);
   }
 }
@@ -125,22 +123,21 @@ TEST_F(RequestTest, RetryScheduleTimeoutsAndStopRules) {
 // A refusal other than 804..807 moves on; 819 asks each server once.
 TEST_F(RequestTest, ReplyErrorsDecideWhetherOthersAreAsked) {
   const std::string e819 = V(819, -1) + Commit(3, State());
-  struct {
-    std::vector<std::string> replies;  // per server: "819", "152" (failed) or "" (answer)
-    int rc;
-  } cases[] = {{{"819", "819", "819"}, E_TRY_OTHERS}, {{"819", "152", ""}, 0}};
-  for (const auto& c : cases) {
+  // Per server: 819, another refusal, or (0) an answer.
+  const std::pair<std::vector<int>, int> cases[] = {{{819, 819, 819}, E_TRY_OTHERS},
+                                                    {{819, 152, 0}, 0}};
+  for (const auto& [replies, rc] : cases) {
     MakeServers(3);
     connects.clear();
     for (int i = 0; i < 3; i++) {
       FakeServer& st = srv_[i]->expect(MSG_TYPE_VGET);
-      if (c.replies[i] == "819") st.reply(REPLY_TYPE_SEQ_COMMIT_ERROR, e819);
-      if (c.replies[i] == "152") st.replyFailed(152);
-      if (c.replies[i].empty()) st.reply(REPLY_TYPE_SEQ_COMMIT, Commit(4, State()));
+      if (replies[i] == 819) st.reply(REPLY_TYPE_SEQ_COMMIT_ERROR, e819);
+      if (replies[i] == 152) st.replyFailed(152);
+      if (replies[i] == 0) st.reply(REPLY_TYPE_SEQ_COMMIT, Commit(4, State()));
     }
     int seq = 0;
     CommittedState st;
-    EXPECT_EQ(PaxosValueGet(&seq, &st), c.rc);
+    EXPECT_EQ(PaxosValueGet(&seq, &st), rc);
     EXPECT_EQ(connects.size(), 3u);
   }
 }
@@ -182,8 +179,7 @@ TEST_F(RequestTest, UpdateBodiesAndExchange) {
     int uidType = REPLY_TYPE_UID;
   } cases[] = {
       // clang-format off
-      {MSG_TYPE_VPUT, S("n") + S("val") + V(-1, -1) + V(-1, -1), [](int* q, CommittedState* s) { return PaxosValuePut("n", "val", q, s, -1, -1); }},
-      {MSG_TYPE_VPUT, S("n") + S("") + V(5, -1) + V(7, -1), [](int* q, CommittedState* s) { return PaxosValuePut("n", "", q, s, 5, 7); }},
+      {MSG_TYPE_VPUT, S("n") + S("val") + V(5, -1) + V(-1, -1), [](int* q, CommittedState* s) { return PaxosValuePut("n", "val", q, s, 5, -1); }},
       {MSG_TYPE_VDEL, S("n") + V(5, -1), [](int* q, CommittedState* s) { return PaxosValueDel("n", q, s, 5); }},
       {MSG_TYPE_FDEL, S("f") + V(-1, -1), [](int* q, CommittedState* s) { return PaxosFileDel("f", q, s, -1); }},
       // Quorum size only: both change flags clear, empty lists.
@@ -225,26 +221,20 @@ TEST_F(RequestTest, RetriedUpdateCarriesTheAssignedId) {
 
 // Private names use "fget_priv"; a corrupted transfer leaves no file and the
 // next server is asked.
-TEST_F(RequestTest, FileGetNamesVersionsAndBadTransfer) {
-  const std::string data = "file contents\n", out = dir_.file("out");
+TEST_F(RequestTest, PrivateFileGetAndBadTransfer) {
+  const std::string data = "file contents\n", out = dir_.file("out"), body = S("_x") + V(4, -1);
   const std::string reply = V(3, 0) + Encode(State()) + V(7, 0) + V(data.size(), 0);
-  struct {
-    std::string name;
-    int version, type;
-  } cases[] = {{"_x", -1, MSG_TYPE_FGET_PRIV},
-               {"genKeyA", 0, MSG_TYPE_FGET_PRIV},
-               {"a_genKey", 4, MSG_TYPE_FGET}};
-  for (const auto& c : cases) {
-    MakeServers(2);
-    const std::string body = S(c.name) + V(c.version, -1);
-    srv_[0]->expect(c.type, body).reply(REPLY_TYPE_SEQ_COMMIT_FGET, reply).sendFile(data, 1);
-    srv_[1]->expect(c.type, body).reply(REPLY_TYPE_SEQ_COMMIT_FGET, reply).sendFile(data);
-    int seq = 0, fid = 0;
-    CommittedState st;
-    EXPECT_EQ(PaxosFileGet(c.name, out, &seq, &st, &fid, c.version), 0) << c.name;
-    EXPECT_TRUE(fid == 7 && ReadFile(out) == data) << c.name;
-    EXPECT_EQ(ListDir(dir_.path()), (std::vector<std::string>{"committed", "out"}));
-  }
+  MakeServers(2);
+  srv_[0]
+      ->expect(MSG_TYPE_FGET_PRIV, body)
+      .reply(REPLY_TYPE_SEQ_COMMIT_FGET, reply)
+      .sendFile(data, 1);
+  srv_[1]->expect(MSG_TYPE_FGET_PRIV, body).reply(REPLY_TYPE_SEQ_COMMIT_FGET, reply).sendFile(data);
+  int seq = 0, fid = 0;
+  CommittedState st;
+  EXPECT_EQ(PaxosFileGet("_x", out, &seq, &st, &fid, 4), 0);
+  EXPECT_TRUE(fid == 7 && ReadFile(out) == data);
+  EXPECT_EQ(ListDir(dir_.path()), (std::vector<std::string>{"committed", "out"}));
 }
 
 // Stored only when the configuration or node list is newer, or the cluster id
@@ -252,23 +242,22 @@ TEST_F(RequestTest, FileGetNamesVersionsAndBadTransfer) {
 TEST_F(RequestTest, ClientCacheStoresOnlyNewerStates) {
   cfgVersion = 3;
   nlVersion = 4;
-  struct {
-    int cv, v;
-    unsigned long long cid, known;
-    bool stored;
-    unsigned long long cidAfter;
-  } cases[] = {
+  // Configuration and node-list versions, cluster id in the reply and known
+  // before; whether stored, and the cluster id after.
+  using Id = unsigned long long;
+  const std::tuple<int, int, Id, Id, bool, Id> cases[] = {
       {3, 4, 0, 0, false, 0}, {2, 4, 9, 0, false, 0}, {3, 3, 9, 0, false, 0},
       {3, 4, 9, 0, true, 9},  {4, 4, 9, 8, true, 8},
   };
-  for (const auto& c : cases) {
+  for (const auto& [cv, v, cid, known, stored, cidAfter] : cases) {
     unlink(zelPaxosLFDClientPath.c_str());
-    zelClusterId = c.known;
-    CommittedState s = State(c.cv);
-    s.fileList[1] = FileVersion(c.v, UpdateId(2, 1, 5), 1);
-    updateClientCache(5, s, c.cid);
-    EXPECT_EQ(PathExists(zelPaxosLFDClientPath), c.stored) << c.cv << "/" << c.v;
-    EXPECT_EQ(zelClusterId, c.cidAfter);
+    zelClusterId = known;
+    CommittedState s = State(cv);
+    s.fileList[1] = FileVersion(v, UpdateId(2, 1, 5), 1);
+    updateClientCache(5, s, cid);
+    EXPECT_EQ(std::make_pair(PathExists(zelPaxosLFDClientPath), zelClusterId),
+              std::make_pair(stored, cidAfter))
+        << cv << "/" << v;
   }
 }
 

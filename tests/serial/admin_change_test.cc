@@ -7,17 +7,10 @@
 
 namespace {
 
+using Nd = NodeDescriptor;  // id, slot, version, listen
+
 class AdminChangeTest : public AdminFixture {
  protected:
-  // A configuration node list entry, listening.
-  static NodeDescriptor Nd(int id, int slot, int version) {
-    NodeDescriptor d;
-    d.id = id;
-    d.slot = slot;
-    d.version = version;
-    d.listen = true;
-    return d;
-  }
   static std::string NodesConfig(const NodeList& nl, int cond) {
     return ConfigBody(ConfigUpdate(ConfigData{nl, {}, -1}, true, false), cond);
   }
@@ -42,7 +35,7 @@ TEST_F(AdminChangeTest, AddNode) {
   for (int i = 0; i < 3; i++) Status(i, 2);
   AcceptPut(0);
   srv(2).expect(MSG_TYPE_INIT).reply(MSG_TYPE_OK);
-  AcceptConfig(0, NodesConfig({Nd(1, 0, 0), Nd(2, 1, 3), Nd(3, 2, 6)}, 5));
+  AcceptConfig(0, NodesConfig({Nd{1, 0, 0, true}, Nd{2, 1, 3, true}, Nd{3, 2, 6, true}}, 5));
   RunResult r = Run({"chnodes", "-n", "1,2," + Loc(2)});
   EXPECT_EQ(r.exitStatus, 0) << r.err;
   EXPECT_EQ(r.err, "");
@@ -59,7 +52,7 @@ TEST_F(AdminChangeTest, RemoveSlotHolderFailsThenCompletes) {
   const std::string transition = keep + Line(3, 2, "c", 1);
   WriteFile(base_ + "/zel.nodes", cur);
   const CommittedState state = Cfg({{1, 0}, {2, 1}, {3, 2}});
-  const std::string config = NodesConfig({Nd(1, 0, 0), Nd(2, 1, 0)}, 5);
+  const std::string config = NodesConfig({Nd{1, 0, 0, true}, Nd{2, 1, 0, true}}, 5);
   ServeFile(0, "zel.nodes", cur, state);
   for (int i = 0; i < 3; i++) Status(i, 2);
   AcceptPut(0);
@@ -126,7 +119,6 @@ TEST_F(AdminChangeTest, QuorumVerdicts) {
   for (const auto& c : cases) {
     std::string list, ids;
     std::vector<std::pair<int, int>> cfg;
-    NodeList nl;
     for (size_t i = 0; i < c.statuses.size(); i++) {
       int id = static_cast<int>(i) + 1;
       std::string name = "n" + std::to_string(id);
@@ -135,7 +127,6 @@ TEST_F(AdminChangeTest, QuorumVerdicts) {
                                 : Line(id, static_cast<int>(i), name);
       ids += (i > 0 ? "," : "") + std::to_string(id);
       cfg.push_back({id, static_cast<int>(i)});
-      nl.push_back(Nd(id, static_cast<int>(i), 0));
     }
     SCOPED_TRACE(ids + (c.force ? " -F" : "") + " disks " + std::to_string(c.disks.size()));
     WriteFile(base_ + "/zel.nodes", list);
@@ -144,7 +135,7 @@ TEST_F(AdminChangeTest, QuorumVerdicts) {
       if (c.statuses[i] >= 0) Status(static_cast<int>(i), c.statuses[i]);
     }
     bool passes = c.err.empty() || c.force;
-    if (passes) AcceptConfig(0, NodesConfig(nl, 5));
+    if (passes) AcceptConfig(0, NodesConfig(Cfg(cfg).config.nodes, 5));
     std::vector<std::string> args = {"chnodes", "-n", ids};
     if (c.force) args.push_back("-F");
     RunResult r = Run(args);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -64,65 +63,40 @@ std::vector<std::string> ListDir(const std::string& path) {
 
 RunResult RunCommand(const std::vector<std::string>& argv, const EnvList& env, int timeoutMs) {
   RunResult r;
-  int outp[2], errp[2];
-  if (pipe(outp) < 0 || pipe(errp) < 0) abort();
-
-  std::vector<std::string> envStrings;
+  TempDir out;
+  std::vector<std::string> envStrings, argCopy = argv;
   for (char** e = environ; *e != nullptr; e++) {
     if (strncmp(*e, "ZEL_", 4) != 0) envStrings.push_back(*e);
   }
   for (const auto& kv : env) envStrings.push_back(kv.first + "=" + kv.second);
   std::vector<char*> envp, args;
   for (auto& s : envStrings) envp.push_back(&s[0]);
-  envp.push_back(nullptr);
-  std::vector<std::string> argCopy = argv;
   for (auto& s : argCopy) args.push_back(&s[0]);
+  envp.push_back(nullptr);
   args.push_back(nullptr);
 
   pid_t pid = fork();
   if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    dup2(devnull, 0);
-    dup2(outp[1], 1);
-    dup2(errp[1], 2);
-    close(outp[0]);
-    close(errp[0]);
+    // The output goes to files, so a child never blocks on a full pipe.
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open(out.file("out").c_str(), O_WRONLY | O_CREAT, 0600), 1);
+    dup2(open(out.file("err").c_str(), O_WRONLY | O_CREAT, 0600), 2);
     execve(args[0], args.data(), envp.data());
     _exit(127);
   }
-  close(outp[1]);
-  close(errp[1]);
-
+  int status = 0;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  struct pollfd fds[2] = {{outp[0], POLLIN, 0}, {errp[0], POLLIN, 0}};
-  int open = 2;
-  while (open > 0) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    deadline - std::chrono::steady_clock::now())
-                    .count();
-    if (left <= 0) {
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
       r.timedOut = true;
       kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
       break;
     }
-    if (poll(fds, 2, static_cast<int>(left)) <= 0) continue;
-    for (int i = 0; i < 2; i++) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        (i == 0 ? r.out : r.err).append(buf, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        open--;
-      }
-    }
+    usleep(2000);
   }
-  for (auto& f : fds)
-    if (f.fd >= 0) close(f.fd);
-  int status = 0;
-  waitpid(pid, &status, 0);
   r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.out = ReadFile(out.file("out"));
+  r.err = ReadFile(out.file("err"));
   return r;
 }
