@@ -54,6 +54,9 @@ TEST(VarUIntTest, EveryLengthBoundaryAndDecoderLimit) {
     span *= 128;
     if (n == 7) span = (1ULL << 56) - base;  // the assertion caps the last range
   }
+  char buf[MaxSizeVarUInt];
+  int out = 0;
+  EXPECT_EQ(LoadVarUInt(buf, DumpVarUInt(buf, 2147483648LL, 0), &out, 0), nullptr);
 }
 
 TEST(VarUIntDeathTest, OutOfRangeAsserts) {
