@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/recordcheck.h"
 #include "zel/paxosdata.h"
@@ -62,64 +63,51 @@ TEST(DblockTest, ResetReplaceApply) {
   s.committed.leaderVersion = 4;
   Dblock b;
   b.replace(s);
-  EXPECT_EQ(b.mbal, BallotNumber(7, 0));
-  EXPECT_EQ(b.bal, s.bal);
-  EXPECT_EQ(b.inp, s.inp);
-  EXPECT_EQ(b.seq, 8);
-  EXPECT_EQ(b.leaderChallengeVersion, 5);
-
-  // leaderVersion 4 does not exceed the challenge 5: kept.
+  Dblock want = Block(8, {7, 0}, {6, 2}, false, 5);  // mbal keeps only its number
+  want.inp = s.inp;
+  want.committed = s.committed;
+  EXPECT_EQ(b, want);
+  // leaderVersion 4 does not exceed the challenge 5: kept; 6 clears it.
   Dblock r = Block(1, {9, 9}, {9, 9}, true, 2);
   r.reset(s);
-  EXPECT_EQ(r.leaderChallengeVersion, 5);
-  EXPECT_EQ(r.seq, 8);
-  EXPECT_EQ(r.mbal, BallotNumber());
-  EXPECT_EQ(r.inp.type, ProposedUpdate::noUpdate);
+  want.mbal = want.bal = BallotNumber();
+  want.inp.reset();
+  EXPECT_EQ(r.toString(), want.toString());
   s.committed.leaderVersion = 6;
   r.reset(s);
   EXPECT_EQ(r.leaderChallengeVersion, 0);
-
   Dblock a = Block(4, {3, 1}, {2, 1}, false, 0);
   a.inp = ProposedUpdate(UpdateId(1, 1, 1), ValueUpdate("k", "v"), 1);
   a.applyInp();
-  EXPECT_EQ(a.seq, 5);
-  EXPECT_EQ(a.mbal, BallotNumber());
-  EXPECT_EQ(a.bal, BallotNumber());
-  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
-  EXPECT_EQ(a.committed.valueList["k"].value, "v");
+  EXPECT_EQ(std::make_tuple(a.seq, a.mbal, a.bal, a.inp.type, a.committed.valueList["k"].value),
+            std::make_tuple(5, BallotNumber(), BallotNumber(), ProposedUpdate::noUpdate, "v"));
 }
 
+// The summary starts at seq 5, mbal (4.0), bal (3.0) with an input, chall 2.
 TEST(PaxosDblockSummaryTest, AddRules) {
-  struct Case {
+  const struct {
     const char* what;
     Dblock b;
-    int seq;
-    BallotNumber mbal, bal;
-    bool hasInp;
-    int chall;
+    Dblock want;  // the summary's fields after add; inp present or not
   } cases[] = {
-      // The summary starts at seq 5, mbal (4.0), bal (3.0) with an input, chall 2.
-      {"up, no inp: bal cleared", Block(6, {1, 0}, {9, 0}, false, 1), 6, {1, 0}, {0, 0}, false, 2},
-      {"up, with inp", Block(6, {1, 0}, {1, 1}, true, 7), 6, {1, 0}, {1, 1}, true, 7},
-      {"same, lower mbal", Block(5, {1, 0}, {1, 0}, true, 9), 5, {4, 0}, {3, 0}, true, 9},
-      {"same, higher ballots", Block(5, {5, 0}, {4, 0}, true, 0), 5, {5, 0}, {4, 0}, true, 2},
-      {"same, higher bal no inp", Block(5, {1, 0}, {8, 0}, false, 0), 5, {4, 0}, {3, 0}, true, 2},
-      {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), 5, {4, 0}, {3, 0}, true, 3},
+      {"up, no inp", Block(6, {1, 0}, {9, 0}, false, 1), Block(6, {1, 0}, {0, 0}, false, 2)},
+      {"up, with inp", Block(6, {1, 0}, {1, 1}, true, 7), Block(6, {1, 0}, {1, 1}, true, 7)},
+      {"same, lower mbal", Block(5, {1, 0}, {1, 0}, true, 9), Block(5, {4, 0}, {3, 0}, true, 9)},
+      {"same, higher", Block(5, {5, 0}, {4, 0}, true, 0), Block(5, {5, 0}, {4, 0}, true, 2)},
+      {"same, no inp", Block(5, {1, 0}, {8, 0}, false, 0), Block(5, {4, 0}, {3, 0}, true, 2)},
+      {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), Block(5, {4, 0}, {3, 0}, true, 3)},
   };
-  for (auto& c : cases) {
+  for (const auto& c : cases) {
     PaxosDblockSummary s;
     s.seq = 5;
     s.mbal = {4, 0};
     s.bal = {3, 0};
-    s.inp = ProposedUpdate(UpdateId(2, 2, 2));
+    s.inp = ProposedUpdate(UpdateId(1, 1, 1));
     s.leaderChallengeVersion = 2;
-    c.b.inp.uid = UpdateId(3, 3, 3);
     s.add(c.b, 1);
-    EXPECT_EQ(s.seq, c.seq) << c.what;
-    EXPECT_EQ(s.mbal, c.mbal) << c.what;
-    EXPECT_EQ(s.bal, c.bal) << c.what;
-    EXPECT_EQ(s.inp.type != ProposedUpdate::noUpdate, c.hasInp) << c.what;
-    EXPECT_EQ(s.leaderChallengeVersion, c.chall) << c.what;
+    Dblock got = Block(s.seq, s.mbal, s.bal, s.inp.type != ProposedUpdate::noUpdate,
+                       s.leaderChallengeVersion);
+    EXPECT_EQ(got.toString(), c.want.toString()) << c.what;
   }
 }
 
@@ -131,9 +119,7 @@ TEST(PaxosDblockSummaryTest, MergeTakesBalRegardlessOfInput) {
   b.bal = {2, 0};  // empty input, higher bal
   b.leaderChallengeVersion = 4;
   a.merge(b);
-  EXPECT_EQ(a.bal, BallotNumber(2, 0));
-  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
-  EXPECT_EQ(a.leaderChallengeVersion, 4);
+  EXPECT_EQ(a.toString(), b.toString());
 }
 
 TEST(PaxosDblockSummaryTest, CommitMismatchAsserts) {
