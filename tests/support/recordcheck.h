@@ -5,30 +5,21 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <cstdio>
 #include <memory>
 #include <string>
 
-// "01 0A FF"
-inline std::string Hex(const std::string& b) {
+// Hex(b) is "01 0A FF"; HexLower(b) is "010aff".
+inline std::string HexWith(const std::string& b, const char* digits, const char* sep) {
   std::string s;
-  char t[4];
-  for (unsigned char c : b) {
-    snprintf(t, sizeof t, "%02X", c);
-    if (!s.empty()) s += ' ';
-    s += t;
-  }
+  for (unsigned char c : b)
+    s += std::string(s.empty() ? "" : sep) + digits[c >> 4] + digits[c & 15];
   return s;
 }
-
-// "010aff"
+inline std::string Hex(const std::string& b) {
+  return HexWith(b, "0123456789ABCDEF", " ");
+}
 inline std::string HexLower(const std::string& b) {
-  std::string s = Hex(b);
-  std::string out;
-  for (char c : s)
-    if (c != ' ') out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return out;
+  return HexWith(b, "0123456789abcdef", "");
 }
 
 // dump into a buffer of exactly getSize() bytes, checking the end pointer.
