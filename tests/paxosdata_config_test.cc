@@ -24,16 +24,6 @@ std::string Text(const T& v) {
   return os.str();
 }
 
-template <typename R>
-void ExpectGolden(const R& r, const char* bytes) {
-  std::string b = Encode(r);
-  EXPECT_EQ(Hex(b), bytes);
-  R back;
-  EXPECT_EQ(LoadPrefix(&back, b, b.size()), static_cast<long>(b.size()));
-  EXPECT_EQ(back, r);
-  ExpectTruncationsFail<R>(b);
-}
-
 TEST(NodeListTest, VersionFlagGoldenBytes) {
   const struct {
     NodeDescriptor node;

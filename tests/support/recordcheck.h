@@ -58,4 +58,15 @@ void ExpectTruncationsFail(const std::string& bytes) {
   EXPECT_EQ(LoadPrefix(&r, bytes, bytes.size()), static_cast<long>(bytes.size()));
 }
 
+// Encodes to the given hex, loads back equal, and every truncation fails.
+template <typename R>
+void ExpectGolden(const R& r, const std::string& hex) {
+  std::string b = Encode(r);
+  EXPECT_EQ(Hex(b), hex);
+  R back;
+  EXPECT_EQ(LoadPrefix(&back, b, b.size()), static_cast<long>(b.size()));
+  EXPECT_TRUE(back == r) << hex;
+  ExpectTruncationsFail<R>(b);
+}
+
 #endif  // TESTS_SUPPORT_RECORDCHECK_H
