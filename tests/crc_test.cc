@@ -40,12 +40,10 @@ TEST(CrcTest, LargePatternsMatchCksumWholeAndChunked) {
     for (const auto& path : Paths())
       EXPECT_EQ(finalcrc(path.second(d.data(), d.size(), 0), d.size()), g.cksum) << path.first;
     // As file transfer does it: chunk by chunk with the running value.
-    for (size_t chunk : {size_t{1000}, size_t{65537}}) {
-      unsigned int crc = 0;
-      for (size_t off = 0; off < d.size(); off += chunk)
-        crc = partialcrc(d.data() + off, std::min(chunk, d.size() - off), crc);
-      EXPECT_EQ(finalcrc(crc, d.size()), g.cksum) << g.len << " chunk " << chunk;
-    }
+    unsigned int crc = 0;
+    for (size_t off = 0; off < d.size(); off += 1000)
+      crc = partialcrc(d.data() + off, std::min<size_t>(1000, d.size() - off), crc);
+    EXPECT_EQ(finalcrc(crc, d.size()), g.cksum) << g.len;
   }
 }
 

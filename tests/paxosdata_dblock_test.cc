@@ -10,8 +10,10 @@ namespace {
 
 const char kFresh[] = "00 00 01 00 00 00 00 00 00 00 00 00 00";
 
-Dblock Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int chall) {
-  Dblock b;
+// A Dblock or a PaxosDblockSummary, both having these fields.
+template <typename T = Dblock>
+T Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int chall) {
+  T b;
   b.seq = seq;
   b.mbal = mbal;
   b.bal = bal;
@@ -22,19 +24,13 @@ Dblock Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int cha
 
 TEST(DblockTest, GoldenBytesAndText) {
   Dblock b = Block(4, {2, 1}, {1, 0}, true, 0);
-  std::string bytes = Encode(b);
-  EXPECT_EQ(Hex(bytes), std::string("04 02 01 01 00 01 01 01 01 01 00 00 00 ") + kFresh);
-  Dblock back;
-  ASSERT_EQ(LoadPrefix(&back, bytes, bytes.size()), static_cast<long>(bytes.size()));
-  EXPECT_EQ(back, b);
-  ExpectTruncationsFail<Dblock>(bytes);
+  ExpectGolden(b, std::string("04 02 01 01 00 01 01 01 01 01 00 00 00 ") + kFresh);
   EXPECT_EQ(b.toString(),
             "<seq=4 mbal=(2.1) bal=(1.0) inp=((n1,e1),1):noop:-1:no-op-update chall=0 "
             "committed=" +
                 CommittedState().toString());
 
-  EXPECT_EQ(Hex(Encode(Block(4, {2, 1}, {1, 0}, false, 3))),
-            std::string("04 02 01 01 00 00 03 ") + kFresh);
+  ExpectGolden(Block(4, {2, 1}, {1, 0}, false, 3), std::string("04 02 01 01 00 00 03 ") + kFresh);
 }
 
 TEST(DblockTest, MoreRecentThanOrdersFieldByField) {
@@ -50,12 +46,7 @@ TEST(DblockTest, MoreRecentThanOrdersFieldByField) {
 }
 
 TEST(DblockTest, ResetReplaceApply) {
-  PaxosDblockSummary s;
-  s.seq = 8;
-  s.mbal = {7, 3};
-  s.bal = {6, 2};
-  s.inp = ProposedUpdate(UpdateId(2, 2, 2));
-  s.leaderChallengeVersion = 5;
+  auto s = Block<PaxosDblockSummary>(8, {7, 3}, {6, 2}, true, 5);
   s.committed.leaderVersion = 4;
   Dblock b;
   b.replace(s);
@@ -94,12 +85,7 @@ TEST(PaxosDblockSummaryTest, AddRules) {
       {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), Block(5, {4, 0}, {3, 0}, true, 3)},
   };
   for (const auto& c : cases) {
-    PaxosDblockSummary s;
-    s.seq = 5;
-    s.mbal = {4, 0};
-    s.bal = {3, 0};
-    s.inp = ProposedUpdate(UpdateId(1, 1, 1));
-    s.leaderChallengeVersion = 2;
+    auto s = Block<PaxosDblockSummary>(5, {4, 0}, {3, 0}, true, 2);
     s.add(c.b, 1);
     Dblock got = Block(s.seq, s.mbal, s.bal, s.inp.type != ProposedUpdate::noUpdate,
                        s.leaderChallengeVersion);
@@ -108,19 +94,14 @@ TEST(PaxosDblockSummaryTest, AddRules) {
 }
 
 TEST(PaxosDblockSummaryTest, MergeTakesBalRegardlessOfInput) {
-  PaxosDblockSummary a, b;
-  a.seq = b.seq = 5;
-  a.bal = {1, 0};
-  a.inp = ProposedUpdate(UpdateId(1, 1, 1));
-  b.bal = {2, 0};  // empty input, higher bal
-  b.leaderChallengeVersion = 4;
+  auto a = Block<PaxosDblockSummary>(5, {0, 0}, {1, 0}, true, 0);
+  auto b = Block<PaxosDblockSummary>(5, {0, 0}, {2, 0}, false, 4);  // no input, higher bal
   a.merge(b);
   EXPECT_EQ(a.toString(), b.toString());
 }
 
 TEST(PaxosDblockSummaryTest, CommitMismatchAsserts) {
-  PaxosDblockSummary s;
-  s.seq = 3;
+  auto s = Block<PaxosDblockSummary>(3, {0, 0}, {0, 0}, false, 0);
   Dblock b = Block(3, {0, 0}, {0, 0}, false, 0);
   b.committed.cfgVersion = 1;
   EXPECT_DEATH(s.add(b, 7),

@@ -11,14 +11,9 @@ namespace {
 TEST(CommittedStateTest, GoldenBytesAndTexts) {
   EXPECT_EQ(Hex(Encode(CommittedState())), "00 00 01 00 00 00 00 00 00 00 00 00 00");
   CommittedState s = SampleState();
-  std::string b = Encode(s);
-  EXPECT_EQ(Hex(b),
-            "01 01 01 01 01 07 02 03 02 93 08 02 00 01 01 02 03 01 61 00 04 78 00 00 "
-            "01 05 06 01 02 03 DE AD BE EF 01");
-  CommittedState back;
-  ASSERT_EQ(LoadPrefix(&back, b, b.size()), static_cast<long>(b.size()));
-  EXPECT_EQ(back, s);
-  ExpectTruncationsFail<CommittedState>(b);
+  ExpectGolden(s,
+               "01 01 01 01 01 07 02 03 02 93 08 02 00 01 01 02 03 01 61 00 04 78 00 00 "
+               "01 05 06 01 02 03 DE AD BE EF 01");
   EXPECT_EQ(s.toString(),
             "<config ver 3: <[(N1,S0,V0,L1)] [D7] min=1> leader=1 lease=5000 ver=2 horiz=-1 "
             "updates={(n1,e2): 3} vals={a: (v4,'x')} vdel=0 files={5: (v6,((n1,e2),3)} fdel=1>");
