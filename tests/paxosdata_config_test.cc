@@ -47,21 +47,6 @@ TEST(ConfigDataTest, EmptyAndFullGolden) {
   EXPECT_EQ(Text(c), "<[(N1,S0,V0,L1), (N2,S-1,V4,L0)] [D7,D300] min=1>");
 }
 
-TEST(PaxosConfigTest, ListenersByPositionAndEquivalence) {
-  PaxosConfig a(NodeList{Node(10, 1, 0, false), Node(20, 2, 0, false), Node(30, 3, 0, false)},
-                DiskList(), 2);
-  PaxosConfig b = a;
-  b.updateListeners({0, 2});
-  EXPECT_EQ(Text(b.nodes),
-            Text(NodeList{Node(10, 1, 0, true), Node(20, 2, 0, false), Node(30, 3, 0, true)}));
-  EXPECT_TRUE(a.isEquivalent(b));
-  EXPECT_TRUE(a != b);
-  b.updateListeners({10});  // an id as position matches nothing
-  EXPECT_EQ(a, b);
-  b.nodes[1].version = 1;
-  EXPECT_FALSE(a.isEquivalent(b));
-}
-
 TEST(ConfigUpdateTest, FlagsEncodingAndText) {
   ExpectGolden(ConfigUpdate(), "00 00 00 00 00");
   EXPECT_EQ(Text(ConfigUpdate()), "<>");
