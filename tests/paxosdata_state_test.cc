@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/recordcheck.h"
 #include "support/samples.h"
@@ -71,15 +72,13 @@ TEST(CommittedStateTest, EvictionMovesHorizon) {
   s.updateHorizon = 1;
   // Streams (n, 1) with seq 100 + n, except node 7 which has the lowest seq 3.
   for (int n = 1; n <= kMaxUpdateStreams; n++) s.addUpdate(UpdateId(n, 1, n == 7 ? 3 : 100 + n));
-  EXPECT_EQ(s.includes(UpdateId(7, 1, 3)), 1);
-  EXPECT_EQ(s.includes(UpdateId(30, 1, 1)), 2);
-  EXPECT_EQ(s.includes(UpdateId(30, 1, 2)), 0);
+  auto inc = [&s](int node, int seq) { return s.includes(UpdateId(node, 1, seq)); };
+  EXPECT_EQ(std::make_tuple(inc(7, 3), inc(30, 1), inc(30, 2)), std::make_tuple(1, 2, 0));
   s.updateHorizon = 50;
   s.addUpdate(UpdateId(21, 1, 500));
-  EXPECT_EQ(s.updateList.size(), 20u);
-  EXPECT_EQ(s.updateHorizon, 3);  // follows the eviction downwards
-  EXPECT_EQ(s.includes(UpdateId(7, 1, 3)), 2);
-  EXPECT_EQ(s.includes(UpdateId(7, 1, 4)), 0);
+  // The horizon follows the eviction downwards.
+  EXPECT_EQ(std::make_tuple(s.updateList.size(), s.updateHorizon, inc(7, 3), inc(7, 4)),
+            std::make_tuple(size_t{20}, 3, 2, 0));
   // Tie on the smallest seq: the first in stream order goes.
   CommittedState t;
   for (int n = 1; n <= kMaxUpdateStreams; n++) t.addUpdate(UpdateId(n, 2, 10));
@@ -104,8 +103,6 @@ TEST(CommittedStateTest, ContainmentOrder) {
                {st(5, 2), st(0, 5), true},  {st(6, 2), st(0, 5), false}};
   for (size_t i = 0; i < 6; i++) EXPECT_EQ(cases[i].x <= cases[i].y, cases[i].le) << i;
 }
-
-using CommittedStateDeathTest = testing::Test;
 
 TEST(CommittedStateDeathTest, Assertions) {
   CommittedState s = SampleState();

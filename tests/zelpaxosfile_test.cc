@@ -49,8 +49,7 @@ TEST_F(PaxosFileTest, StoreReplacesAtomically) {
   int seq = -1;
   CommittedState back;
   ASSERT_EQ(loadPFDFromFile(&seq, &back), 0);
-  EXPECT_EQ(seq, 6);
-  EXPECT_EQ(back, s);
+  EXPECT_TRUE(seq == 6 && back == s) << seq;
 }
 
 TEST_F(PaxosFileTest, ClusterIdCheck) {
