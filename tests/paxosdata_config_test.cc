@@ -24,27 +24,16 @@ std::string Text(const T& v) {
   return os.str();
 }
 
-TEST(NodeListTest, VersionFlagGoldenBytes) {
-  const struct {
-    NodeDescriptor node;
-    const char* bytes;
-  } cases[] = {
-      {Node(3, -1, 0, true), "01 03 00 01"},
-      {Node(3, 0, 5, false), "01 03 01 02 05"},
-      {Node(200, 127, 128, true), "01 80 48 80 00 03 80 00"},
-  };
-  for (const auto& c : cases) ExpectGolden(NodeList{c.node}, c.bytes);
-}
-
 TEST(ConfigDataTest, EmptyAndFullGolden) {
   ExpectGolden(ConfigData(), "00 00 00");
   EXPECT_EQ(Text(ConfigData()), "<[] [] min=-1>");
   ConfigData c;
-  c.nodes = {Node(1, 0, 0, true), Node(2, -1, 4, false)};
+  // Flags: 1 listen, 2 version present; the slot is stored plus one.
+  c.nodes = {Node(1, 0, 0, true), Node(200, 127, 128, false), Node(3, -1, 0, false)};
   c.disks = {7, 300};
   c.minNodes = 1;
-  ExpectGolden(c, "02 01 01 01 02 00 02 04 02 07 80 AC 02");
-  EXPECT_EQ(Text(c), "<[(N1,S0,V0,L1), (N2,S-1,V4,L0)] [D7,D300] min=1>");
+  ExpectGolden(c, "03 01 01 01 80 48 80 00 02 80 00 03 00 00 02 07 80 AC 02");
+  EXPECT_EQ(Text(c), "<[(N1,S0,V0,L1), (N200,S127,V128,L0), (N3,S-1,V0,L0)] [D7,D300] min=1>");
 }
 
 TEST(ConfigUpdateTest, FlagsEncodingAndText) {
