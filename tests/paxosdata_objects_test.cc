@@ -32,8 +32,7 @@ TEST(FillZelObjectInfoListTest, FilesThenValues) {
   s.valueList["b"] = ValueVersion{2, "vb"};
   s.valueList["a"] = ValueVersion{1, ""};
   FileIdMap m;
-  m[1] = FileItem{"one", "", 0};
-  m[2] = FileItem{"two", "", 0};
+  for (int id : {1, 2}) m[id] = FileItem{id == 1 ? "one" : "two", "", 0};
   ZelObjectInfoList l;
   l.add(ZelObjectInfo(2, 1, "stale", ""));
   EXPECT_EQ(fillZelObjectInfoList(&l, s, m), 0);

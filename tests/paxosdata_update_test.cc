@@ -18,7 +18,6 @@ TEST(UpdateIdTest, UidStringAndParse) {
   } cases[] = {
       {"000000", 0, UpdateId(0, 0, 0)},
       {"0A0B0C", 0, UpdateId(10, 11, 12)},
-      {"00008048", 0, UpdateId(0, 0, 200)},
       {"f06fdfbf7ff06fdfbf7ff06fdfbf7f", 0, UpdateId(2147483647, 2147483647, 2147483647)},
       {"0102", E_INVAL, UpdateId(1, 2, 0)},      // two values only
       {"01020304", E_INVAL, UpdateId(1, 2, 3)},  // a byte left over
