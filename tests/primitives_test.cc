@@ -57,6 +57,9 @@ TEST(VarUIntTest, EveryLengthBoundaryAndDecoderLimit) {
   char buf[MaxSizeVarUInt];
   int out = 0;
   EXPECT_EQ(LoadVarUInt(buf, DumpVarUInt(buf, 2147483648LL, 0), &out, 0), nullptr);
+  unsigned int u = 0;
+  EXPECT_NE(LoadVarUIntU(buf, DumpVarUInt(buf, 4294967295LL, 0), &u, 0), nullptr);
+  EXPECT_EQ(u, 4294967295u);
   EXPECT_EQ(LoadVarUInt(nullptr, buf, &out, 3), nullptr);  // chaining after a failure
   EXPECT_EQ(out, 3);
 }
