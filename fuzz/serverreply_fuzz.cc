@@ -6,50 +6,34 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
 #include "zel/kxcomm.h"
 #include "zel/paxosclient.h"
 
-namespace {
-
-constexpr size_t kMaxInput = 65536;
-constexpr int kMaxMessages = 64;
-
 // Decoded states stay in memory: nothing is stored or fetched.
-void NoCacheUpdate(int, const CommittedState&, unsigned long long) {}
-
-bool Init() {
+static bool Init() {
   KxSetTransferTimeouts(200, 200);
-  SetClientCacheFnForTest(NoCacheUpdate);
+  SetClientCacheFnForTest([](int, const CommittedState&, unsigned long long) {});
   FILE* devnull = fopen("/dev/null", "w");
   KxSetForwardStreams(devnull, devnull);
   return true;
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool initialised = Init();
-  (void)initialised;
-  if (size == 0) return 0;
+  if (!initialised || size == 0) return 0;
   bool skipGreeting = data[0] & 1;
   bool decodeReplies = data[0] & 2;
   data++;
-  size = std::min(size - 1, kMaxInput);
+  size = std::min(size - 1, size_t{65536});
 
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return 0;
-  int sndbuf = static_cast<int>(kMaxInput) * 2;
+  int sndbuf = 2 * 65536;
   setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
-  size_t off = 0;
-  while (off < size) {
-    ssize_t n = send(fds[1], data + off, size - off, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (n <= 0) break;  // what does not fit is dropped
-    off += static_cast<size_t>(n);
-  }
+  send(fds[1], data, size, MSG_DONTWAIT | MSG_NOSIGNAL);  // what does not fit is dropped
   shutdown(fds[1], SHUT_WR);
 
   SdrSecInfo info;
@@ -61,15 +45,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (rc == 0) {
     ConnImplementation conn(fds[0], info, CommAddr());
     ClientRetry retry("fuzz");
-    for (int i = 0; i < kMaxMessages && !conn.isBroken(); i++) {
-      if (decodeReplies) {
-        ZelReplyResult r;
-        ReceiveZELReply(&conn, &retry, &r);
-        continue;
-      }
+    for (int i = 0; i < 64 && !conn.isBroken(); i++) {
+      ZelReplyResult r;
       int type = 0, len = 0;
       char* body = nullptr;
-      ReceiveErrCheck(&conn, &type, &body, &len);
+      if (decodeReplies) ReceiveZELReply(&conn, &retry, &r);
+      if (!decodeReplies) ReceiveErrCheck(&conn, &type, &body, &len);
       delete[] body;
     }
   } else {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/recordcheck.h"
 #include "zel/paxosdata.h"
@@ -9,8 +10,10 @@ namespace {
 
 const char kFresh[] = "00 00 01 00 00 00 00 00 00 00 00 00 00";
 
-Dblock Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int chall) {
-  Dblock b;
+// A Dblock or a PaxosDblockSummary, both having these fields.
+template <typename T = Dblock>
+T Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int chall) {
+  T b;
   b.seq = seq;
   b.mbal = mbal;
   b.bal = bal;
@@ -21,23 +24,13 @@ Dblock Block(int seq, BallotNumber mbal, BallotNumber bal, bool withInp, int cha
 
 TEST(DblockTest, GoldenBytesAndText) {
   Dblock b = Block(4, {2, 1}, {1, 0}, true, 0);
-  std::string bytes = Encode(b);
-  EXPECT_EQ(Hex(bytes), std::string("04 02 01 01 00 01 01 01 01 01 00 00 00 ") + kFresh);
-  Dblock back;
-  ASSERT_EQ(LoadPrefix(&back, bytes, bytes.size()), static_cast<long>(bytes.size()));
-  EXPECT_EQ(back, b);
-  ExpectTruncationsFail<Dblock>(bytes);
+  ExpectGolden(b, std::string("04 02 01 01 00 01 01 01 01 01 00 00 00 ") + kFresh);
   EXPECT_EQ(b.toString(),
             "<seq=4 mbal=(2.1) bal=(1.0) inp=((n1,e1),1):noop:-1:no-op-update chall=0 "
             "committed=" +
                 CommittedState().toString());
 
-  Dblock empty = Block(4, {2, 1}, {1, 0}, false, 3);
-  EXPECT_EQ(Hex(Encode(empty)), std::string("04 02 01 01 00 00 03 ") + kFresh);
-  // A presence value above 1 fails.
-  std::string bad = Encode(empty);
-  bad[5] = 2;
-  EXPECT_EQ(LoadPrefix(&back, bad, bad.size()), -1);
+  ExpectGolden(Block(4, {2, 1}, {1, 0}, false, 3), std::string("04 02 01 01 00 00 03 ") + kFresh);
 }
 
 TEST(DblockTest, MoreRecentThanOrdersFieldByField) {
@@ -45,100 +38,63 @@ TEST(DblockTest, MoreRecentThanOrdersFieldByField) {
   Dblock diffs[] = {Block(6, {0, 0}, {0, 0}, false, 0), Block(5, {4, 0}, {0, 0}, false, 0),
                     Block(5, {3, 4}, {0, 0}, false, 0), Block(5, {3, 3}, {4, 0}, false, 0),
                     Block(5, {3, 3}, {3, 4}, false, 0), Block(5, {3, 3}, {3, 3}, false, 4)};
-  for (const auto& d : diffs) {
-    EXPECT_TRUE(d.moreRecentThan(base)) << d.toString();
-    EXPECT_FALSE(base.moreRecentThan(d)) << d.toString();
-  }
-  EXPECT_FALSE(base.moreRecentThan(base));
+  for (const auto& d : diffs)
+    EXPECT_TRUE(d.moreRecentThan(base) && !base.moreRecentThan(d)) << d.toString();
 }
 
 TEST(DblockTest, ResetReplaceApply) {
-  PaxosDblockSummary s;
-  s.seq = 8;
-  s.mbal = {7, 3};
-  s.bal = {6, 2};
-  s.inp = ProposedUpdate(UpdateId(2, 2, 2));
-  s.leaderChallengeVersion = 5;
+  auto s = Block<PaxosDblockSummary>(8, {7, 3}, {6, 2}, true, 5);
   s.committed.leaderVersion = 4;
-  Dblock b;
-  b.replace(s);
-  EXPECT_EQ(b.mbal, BallotNumber(7, 0));
-  EXPECT_EQ(b.bal, s.bal);
-  EXPECT_EQ(b.inp, s.inp);
-  EXPECT_EQ(b.seq, 8);
-  EXPECT_EQ(b.leaderChallengeVersion, 5);
-
-  // leaderVersion 4 does not exceed the challenge 5: kept.
-  Dblock r = Block(1, {9, 9}, {9, 9}, true, 2);
-  r.reset(s);
-  EXPECT_EQ(r.leaderChallengeVersion, 5);
-  EXPECT_EQ(r.seq, 8);
-  EXPECT_EQ(r.mbal, BallotNumber());
-  EXPECT_EQ(r.inp.type, ProposedUpdate::noUpdate);
+  Dblock b = Block(1, {9, 9}, {9, 9}, false, 2), want = Block(8, {7, 0}, {6, 2}, true, 5);
+  want.committed = s.committed;
+  b.replace(s);  // mbal keeps only its number
+  EXPECT_EQ(b.toString(), want.toString());
+  want.mbal = want.bal = BallotNumber();
+  want.inp.reset();
+  b.reset(s);  // leaderVersion 4 does not exceed the challenge 5: kept; 6 clears it
+  EXPECT_EQ(b.toString(), want.toString());
   s.committed.leaderVersion = 6;
-  r.reset(s);
-  EXPECT_EQ(r.leaderChallengeVersion, 0);
-
-  Dblock a = Block(4, {3, 1}, {2, 1}, false, 0);
-  a.inp = ProposedUpdate(UpdateId(1, 1, 1), ValueUpdate("k", "v"), 1);
-  a.applyInp();
-  EXPECT_EQ(a.seq, 5);
-  EXPECT_EQ(a.mbal, BallotNumber());
-  EXPECT_EQ(a.bal, BallotNumber());
-  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
-  EXPECT_EQ(a.committed.valueList["k"].value, "v");
+  b.reset(s);
+  EXPECT_EQ(b.leaderChallengeVersion, 0);
+  b = Block(4, {3, 1}, {2, 1}, false, 0);
+  b.inp = ProposedUpdate(UpdateId(1, 1, 1), ValueUpdate("k", "v"), 1);
+  b.applyInp();
+  EXPECT_EQ(std::make_tuple(b.seq, b.mbal, b.bal, b.inp.type, b.committed.valueList["k"].value),
+            std::make_tuple(5, BallotNumber(), BallotNumber(), ProposedUpdate::noUpdate, "v"));
 }
 
+// The summary starts at seq 5, mbal (4.0), bal (3.0) with an input, chall 2.
 TEST(PaxosDblockSummaryTest, AddRules) {
-  struct Case {
+  const struct {
     const char* what;
     Dblock b;
-    int seq;
-    BallotNumber mbal, bal;
-    bool hasInp;
-    int chall;
+    Dblock want;  // the summary's fields after add; inp present or not
   } cases[] = {
-      // The summary starts at seq 5, mbal (4.0), bal (3.0) with an input, chall 2.
-      {"up, no inp: bal cleared", Block(6, {1, 0}, {9, 0}, false, 1), 6, {1, 0}, {0, 0}, false, 2},
-      {"up, with inp", Block(6, {1, 0}, {1, 1}, true, 7), 6, {1, 0}, {1, 1}, true, 7},
-      {"same, lower mbal", Block(5, {1, 0}, {1, 0}, true, 9), 5, {4, 0}, {3, 0}, true, 9},
-      {"same, higher ballots", Block(5, {5, 0}, {4, 0}, true, 0), 5, {5, 0}, {4, 0}, true, 2},
-      {"same, higher bal no inp", Block(5, {1, 0}, {8, 0}, false, 0), 5, {4, 0}, {3, 0}, true, 2},
-      {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), 5, {4, 0}, {3, 0}, true, 3},
+      {"up, no inp", Block(6, {1, 0}, {9, 0}, false, 1), Block(6, {1, 0}, {0, 0}, false, 2)},
+      {"up, with inp", Block(6, {1, 0}, {1, 1}, true, 7), Block(6, {1, 0}, {1, 1}, true, 7)},
+      {"same, lower mbal", Block(5, {1, 0}, {1, 0}, true, 9), Block(5, {4, 0}, {3, 0}, true, 9)},
+      {"same, higher", Block(5, {5, 0}, {4, 0}, true, 0), Block(5, {5, 0}, {4, 0}, true, 2)},
+      {"same, no inp", Block(5, {1, 0}, {8, 0}, false, 0), Block(5, {4, 0}, {3, 0}, true, 2)},
+      {"lower seq", Block(4, {9, 0}, {9, 0}, true, 3), Block(5, {4, 0}, {3, 0}, true, 3)},
   };
-  for (auto& c : cases) {
-    PaxosDblockSummary s;
-    s.seq = 5;
-    s.mbal = {4, 0};
-    s.bal = {3, 0};
-    s.inp = ProposedUpdate(UpdateId(2, 2, 2));
-    s.leaderChallengeVersion = 2;
-    c.b.inp.uid = UpdateId(3, 3, 3);
+  for (const auto& c : cases) {
+    auto s = Block<PaxosDblockSummary>(5, {4, 0}, {3, 0}, true, 2);
     s.add(c.b, 1);
-    EXPECT_EQ(s.seq, c.seq) << c.what;
-    EXPECT_EQ(s.mbal, c.mbal) << c.what;
-    EXPECT_EQ(s.bal, c.bal) << c.what;
-    EXPECT_EQ(s.inp.type != ProposedUpdate::noUpdate, c.hasInp) << c.what;
-    EXPECT_EQ(s.leaderChallengeVersion, c.chall) << c.what;
+    Dblock got = Block(s.seq, s.mbal, s.bal, s.inp.type != ProposedUpdate::noUpdate,
+                       s.leaderChallengeVersion);
+    EXPECT_EQ(got.toString(), c.want.toString()) << c.what;
   }
 }
 
 TEST(PaxosDblockSummaryTest, MergeTakesBalRegardlessOfInput) {
-  PaxosDblockSummary a, b;
-  a.seq = b.seq = 5;
-  a.bal = {1, 0};
-  a.inp = ProposedUpdate(UpdateId(1, 1, 1));
-  b.bal = {2, 0};  // empty input, higher bal
-  b.leaderChallengeVersion = 4;
+  auto a = Block<PaxosDblockSummary>(5, {0, 0}, {1, 0}, true, 0);
+  auto b = Block<PaxosDblockSummary>(5, {0, 0}, {2, 0}, false, 4);  // no input, higher bal
   a.merge(b);
-  EXPECT_EQ(a.bal, BallotNumber(2, 0));
-  EXPECT_EQ(a.inp.type, ProposedUpdate::noUpdate);
-  EXPECT_EQ(a.leaderChallengeVersion, 4);
+  EXPECT_EQ(a.toString(), b.toString());
 }
 
 TEST(PaxosDblockSummaryTest, CommitMismatchAsserts) {
-  PaxosDblockSummary s;
-  s.seq = 3;
+  auto s = Block<PaxosDblockSummary>(3, {0, 0}, {0, 0}, false, 0);
   Dblock b = Block(3, {0, 0}, {0, 0}, false, 0);
   b.committed.cfgVersion = 1;
   EXPECT_DEATH(s.add(b, 7),
@@ -161,18 +117,18 @@ TEST(PaxosFileDataTest, FormatVersions) {
   EXPECT_EQ(f.toString(), "epoch=2 saVer=3 summary=" + f.summary.toString());
   EXPECT_EQ(f.toShortString(), "<epoch=2 seq=1");
   for (int fmt : {0, 1}) {
-    SCOPED_TRACE(fmt);
     std::string b(static_cast<size_t>(f.getSize(fmt)), '\0');
     ASSERT_EQ(f.dump(&b[0], fmt), &b[0] + b.size());
-    EXPECT_EQ(Hex(b), (fmt == 0 ? std::string("02 01") : std::string("02 03 01")) + sum);
+    EXPECT_EQ(Hex(b), (fmt == 0 ? "02 01" : "02 03 01") + sum);
     PaxosFileData back;
-    back.slotAssignmentVersion = 77;
-    auto load = [fmt](PaxosFileData* d, const char* p, const char* e) {
-      return d->load(p, e, fmt);
-    };
-    EXPECT_EQ(LoadPrefix(&back, b, b.size(), load), static_cast<long>(b.size()));
-    EXPECT_EQ(back.slotAssignmentVersion, fmt == 0 ? 77 : 3);
-    EXPECT_EQ(back.summary, f.summary);
+    back.slotAssignmentVersion = 77;  // format 0 has none
+    EXPECT_EQ(LoadPrefix(&back, b, b.size(),
+                         [fmt](PaxosFileData* d, const char* p, const char* e) {
+                           return d->load(p, e, fmt);
+                         }),
+              static_cast<long>(b.size()));
+    EXPECT_EQ(std::make_pair(back.slotAssignmentVersion, back.summary.toString()),
+              std::make_pair(fmt == 0 ? 77 : 3, f.summary.toString()));
   }
 }
 

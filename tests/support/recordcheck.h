@@ -5,30 +5,21 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <cstdio>
 #include <memory>
 #include <string>
 
-// "01 0A FF"
-inline std::string Hex(const std::string& b) {
+// Hex(b) is "01 0A FF"; HexLower(b) is "010aff".
+inline std::string HexWith(const std::string& b, const char* digits, const char* sep) {
   std::string s;
-  char t[4];
-  for (unsigned char c : b) {
-    snprintf(t, sizeof t, "%02X", c);
-    if (!s.empty()) s += ' ';
-    s += t;
-  }
+  for (unsigned char c : b)
+    s += std::string(s.empty() ? "" : sep) + digits[c >> 4] + digits[c & 15];
   return s;
 }
-
-// "010aff"
+inline std::string Hex(const std::string& b) {
+  return HexWith(b, "0123456789ABCDEF", " ");
+}
 inline std::string HexLower(const std::string& b) {
-  std::string s = Hex(b);
-  std::string out;
-  for (char c : s)
-    if (c != ' ') out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return out;
+  return HexWith(b, "0123456789abcdef", "");
 }
 
 // dump into a buffer of exactly getSize() bytes, checking the end pointer.
@@ -56,15 +47,24 @@ long LoadPrefix(R* r, const std::string& bytes, size_t n) {
                     [](R* x, const char* p, const char* end) { return x->load(p, end); });
 }
 
-// Every proper prefix loads to null; the whole input loads completely.
+// Every proper prefix loads to null.
 template <typename R>
 void ExpectTruncationsFail(const std::string& bytes) {
   for (size_t n = 0; n < bytes.size(); n++) {
     R r;
     EXPECT_EQ(LoadPrefix(&r, bytes, n), -1) << "prefix " << n << " of " << Hex(bytes);
   }
-  R r;
-  EXPECT_EQ(LoadPrefix(&r, bytes, bytes.size()), static_cast<long>(bytes.size()));
+}
+
+// Encodes to the given hex, loads back equal, and every truncation fails.
+template <typename R>
+void ExpectGolden(const R& r, const std::string& hex) {
+  std::string b = Encode(r);
+  EXPECT_EQ(Hex(b), hex);
+  R back;
+  EXPECT_EQ(LoadPrefix(&back, b, b.size()), static_cast<long>(b.size()));
+  EXPECT_TRUE(back == r) << hex;
+  ExpectTruncationsFail<R>(b);
 }
 
 #endif  // TESTS_SUPPORT_RECORDCHECK_H

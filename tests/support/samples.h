@@ -6,11 +6,7 @@
 
 inline CommittedState SampleState() {
   CommittedState s;
-  NodeDescriptor n;
-  n.id = 1;
-  n.slot = 0;
-  n.listen = true;
-  s.config.nodes.push_back(n);
+  s.config.nodes = {NodeDescriptor{1, 0, 0, true}};
   s.config.disks = {7};
   s.config.minNodes = 1;
   s.cfgVersion = 3;
