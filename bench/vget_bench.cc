@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/miniserver.h"
 #include "zel/kxcomm.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
@@ -50,50 +51,17 @@ CommittedState BenchState() {
   return s;
 }
 
-bool readAll(int fd, char* p, size_t n) {
-  while (n > 0) {
-    ssize_t got = recv(fd, p, n, 0);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
-bool sendMsg(int fd, int type, const std::string& body) {
-  std::string m(8, '\0');
-  DumpUInt32(&m[0], static_cast<unsigned int>(body.size()));
-  unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
-  m[4] = static_cast<char>(code >> 8);
-  m[5] = static_cast<char>(code);
-  m += body;
-  return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(m.size());
-}
+using miniserver::AnswerGreeting;
+using miniserver::RecvMsg;
+using miniserver::SendMsg;
 
 // Greeting, then "vget" -> "seq_commit" and "eor" -> "eor" until the client closes.
 void serveConn(int fd, const std::string& commit) {
-  char hdr[28];
-  if (!readAll(fd, hdr, sizeof hdr)) return;
-  unsigned int len = 0;
-  LoadUInt32(hdr + 20, hdr + sizeof hdr, &len);
-  for (int i = 0; len != 0 && i < 8 && len < 65536; i++) {
-    std::string rec(len, '\0');
-    if (!readAll(fd, &rec[0], len)) return;
-    LoadUInt32(rec.data() + 4, rec.data() + len, &len);
-  }
-  char answer[20] = {};
-  DumpUInt32(answer, kGreetingMagic);
-  if (send(fd, answer, sizeof answer, MSG_NOSIGNAL) != sizeof answer) return;
-  for (;;) {
-    char h[8];
-    if (!readAll(fd, h, sizeof h)) return;
-    unsigned int bodyLen = 0;
-    LoadUInt32(h, h + 8, &bodyLen);
-    int type =
-        ((static_cast<unsigned char>(h[4]) << 8) | static_cast<unsigned char>(h[5])) - kMsgCodeBias;
-    std::string body(bodyLen, '\0');
-    if (bodyLen > (1u << 20) || !readAll(fd, &body[0], bodyLen)) return;
-    if (!sendMsg(fd, type == MSG_TYPE_VGET ? REPLY_TYPE_SEQ_COMMIT : REPLY_TYPE_EOR,
+  if (!AnswerGreeting(fd)) return;
+  int type = 0;
+  std::string body;
+  while (RecvMsg(fd, &type, &body)) {
+    if (!SendMsg(fd, type == MSG_TYPE_VGET ? REPLY_TYPE_SEQ_COMMIT : REPLY_TYPE_EOR,
                  type == MSG_TYPE_VGET ? commit : std::string()))
       return;
   }

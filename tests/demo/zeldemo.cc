@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/miniserver.h"
 #include "zel/kxcomm.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
@@ -25,37 +26,9 @@
 
 namespace {
 
-bool readAll(int fd, char* p, size_t n) {
-  while (n > 0) {
-    ssize_t got = recv(fd, p, n, 0);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
-bool sendMsg(int fd, int type, const std::string& body) {
-  std::string m(8, '\0');
-  DumpUInt32(&m[0], static_cast<unsigned int>(body.size()));
-  unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
-  m[4] = static_cast<char>(code >> 8);
-  m[5] = static_cast<char>(code);
-  m += body;
-  return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(m.size());
-}
-
-bool recvMsg(int fd, int* type, std::string* body) {
-  char h[8];
-  if (!readAll(fd, h, sizeof h)) return false;
-  unsigned int len = 0;
-  LoadUInt32(h, h + 8, &len);
-  *type =
-      ((static_cast<unsigned char>(h[4]) << 8) | static_cast<unsigned char>(h[5])) - kMsgCodeBias;
-  if (len > (1u << 20)) return false;
-  body->assign(len, '\0');
-  return readAll(fd, &(*body)[0], len);
-}
+using miniserver::AnswerGreeting;
+using miniserver::RecvMsg;
+using miniserver::SendMsg;
 
 class DemoServer {
  public:
@@ -109,30 +82,19 @@ class DemoServer {
 
   // One connection: greeting, then requests until the client closes.
   void serve(int fd) {
-    char hdr[28];
-    if (!readAll(fd, hdr, sizeof hdr)) return;
-    unsigned int len = 0;
-    LoadUInt32(hdr + 20, hdr + sizeof hdr, &len);
-    for (int i = 0; len != 0 && i < 8 && len < 65536; i++) {
-      std::string rec(len, '\0');
-      if (!readAll(fd, &rec[0], len)) return;
-      LoadUInt32(rec.data() + 4, rec.data() + len, &len);
-    }
-    char answer[20] = {};
-    DumpUInt32(answer, kGreetingMagic);
-    if (send(fd, answer, sizeof answer, MSG_NOSIGNAL) != sizeof answer) return;
+    if (!AnswerGreeting(fd)) return;
     int type = 0;
     std::string body;
-    while (recvMsg(fd, &type, &body)) {
+    while (RecvMsg(fd, &type, &body)) {
       bool ok = true;
       if (type == MSG_TYPE_VGET) {
-        ok = sendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
+        ok = SendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
       } else if (type == MSG_TYPE_VPUT) {
         ok = put(fd, body);
       } else if (type == REPLY_TYPE_EOR) {
-        ok = sendMsg(fd, REPLY_TYPE_EOR, "");
+        ok = SendMsg(fd, REPLY_TYPE_EOR, "");
       } else {
-        ok = sendMsg(fd, MSG_TYPE_FAILED, failed(E_UNKNOWN_REQUEST));
+        ok = SendMsg(fd, MSG_TYPE_FAILED, failed(E_UNKNOWN_REQUEST));
       }
       if (!ok) return;
     }
@@ -155,26 +117,26 @@ class DemoServer {
     p = LoadString(p, end, &value);
     p = LoadVarUInt(p, end, &cond, -1);
     p = LoadVarUInt(p, end, &ver, -1);
-    if (p != end) return sendMsg(fd, MSG_TYPE_FAILED, failed(E_BAD_MESSAGE));
+    if (p != end) return SendMsg(fd, MSG_TYPE_FAILED, failed(E_BAD_MESSAGE));
     if (uid.isNull()) {
       uid = UpdateId(1, 1, ++nextUid_);
       std::string u(3 * MaxSizeVarUInt, '\0');
       u.resize(static_cast<size_t>(uid.dump(&u[0]) - u.data()));
       int type = 0;
       std::string okBody;
-      if (!sendMsg(fd, REPLY_TYPE_UID, u) || !recvMsg(fd, &type, &okBody) || type != MSG_TYPE_OK)
+      if (!SendMsg(fd, REPLY_TYPE_UID, u) || !RecvMsg(fd, &type, &okBody) || type != MSG_TYPE_OK)
         return false;
     }
     ProposedUpdate upd(uid, ValueUpdate(name, value), -1);
     int current = state_.getOldVersion(upd);
     if (cond >= 0 && cond != current)
-      return sendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_VERSION_MISMATCH));
+      return SendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_VERSION_MISMATCH));
     if (ver >= 0 && ver <= current)
-      return sendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_INVALID_VERSION));
+      return SendMsg(fd, MSG_TYPE_FAILED, failed(E_ZEL_INVALID_VERSION));
     upd.version = ver >= 0 ? ver : current + 1;
     state_.apply(upd);
     seq_++;
-    return sendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
+    return SendMsg(fd, REPLY_TYPE_SEQ_COMMIT, commit());
   }
 
   int lfd_ = -1;
