@@ -110,17 +110,27 @@ int PaxosValuePut(const std::string& name, const std::string& value, int* seq,
   return rc;
 }
 
-int PaxosValueDel(const std::string& name, int* seq, CommittedState* committed, int condVersion) {
-  trace(4, "VDEL('%s', %d)", name.c_str(), condVersion);
+namespace {
+
+// "vdel" and "fdel" carry the same body: update id, name, condition version.
+int deleteRequest(const char* req, const char* label, int mt, const std::string& name, int* seq,
+                  CommittedState* committed, int condVersion) {
+  trace(4, "%s('%s', %d)", label, name.c_str(), condVersion);
   int size = strSize(name) + SizeVarUInt(condVersion, -1);
-  int rc = runUpdate("vdel", MSG_TYPE_VDEL, seq, committed, "", 0, [&](const UpdateId& uid) {
+  int rc = runUpdate(req, mt, seq, committed, "", 0, [&](const UpdateId& uid) {
     return buildBody(uid, size, [&](char* p) {
       p = DumpString(p, name);
       return DumpVarUInt(p, condVersion, -1);
     });
   });
-  trace(4, "VDEL returned %d %s", *seq, stateText(4, *committed).c_str());
+  trace(4, "%s returned %d %s", label, *seq, stateText(4, *committed).c_str());
   return rc;
+}
+
+}  // namespace
+
+int PaxosValueDel(const std::string& name, int* seq, CommittedState* committed, int condVersion) {
+  return deleteRequest("vdel", "VDEL", MSG_TYPE_VDEL, name, seq, committed, condVersion);
 }
 
 int PaxosFilePut(const std::string& name, const std::string& localPath, int* seq,
@@ -148,16 +158,7 @@ int PaxosFilePut(const std::string& name, const std::string& localPath, int* seq
 }
 
 int PaxosFileDel(const std::string& name, int* seq, CommittedState* committed, int condVersion) {
-  trace(4, "FDEL('%s', %d)", name.c_str(), condVersion);
-  int size = strSize(name) + SizeVarUInt(condVersion, -1);
-  int rc = runUpdate("fdel", MSG_TYPE_FDEL, seq, committed, "", 0, [&](const UpdateId& uid) {
-    return buildBody(uid, size, [&](char* p) {
-      p = DumpString(p, name);
-      return DumpVarUInt(p, condVersion, -1);
-    });
-  });
-  trace(4, "FDEL returned %d %s", *seq, stateText(4, *committed).c_str());
-  return rc;
+  return deleteRequest("fdel", "FDEL", MSG_TYPE_FDEL, name, seq, committed, condVersion);
 }
 
 int PaxosSetConfig(const NodeList* nodes, const DiskList* disks, int minNodes, int condVersion,

@@ -61,6 +61,25 @@ std::vector<std::string> readLines(const char* path) {
   return lines;
 }
 
+// Rewrites the file in place (no temporary, no sync), flushing after each line.
+int writeLines(const std::string& path, const char* who, const std::vector<std::string>& lines) {
+  char cpath[kPlatPathMax];
+  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
+  if (rc != 0) return rc;
+  bool ok = false;
+  FILE* f = fopen(cpath, "w");
+  if (f != nullptr) {
+    for (const std::string& line : lines) {
+      fprintf(f, "%s\n", line.c_str());
+      fflush(f);
+    }
+    ok = fflush(f) == 0 && !ferror(f);
+    if (fclose(f) != 0) ok = false;
+  }
+  trace(4, "%s('%s') ok %d", who, cpath, ok ? 1 : 0);
+  return ok ? 0 : E_IO;
+}
+
 }  // namespace
 
 int readNodeList(const std::string& path, Nodes* list) {
@@ -86,24 +105,14 @@ int readNodeList(const std::string& path, Nodes* list) {
 }
 
 int writeNodeList(const std::string& path, const Nodes& list) {
-  char cpath[kPlatPathMax];
-  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
-  if (rc != 0) return rc;
-  bool ok = false;
-  FILE* f = fopen(cpath, "w");
-  if (f != nullptr) {
-    for (const Node& n : list) {
-      std::string port;
-      if (n.addr.port != static_cast<int>(defaultPort)) port = std::to_string(n.addr.port);
-      fprintf(f, "%d,%d,%s,%s,%s\n", n.id, n.old ? 1 : 0, n.addr.addr.c_str(), port.c_str(),
-              n.name.c_str());
-      fflush(f);
-    }
-    ok = fflush(f) == 0 && !ferror(f);
-    if (fclose(f) != 0) ok = false;
+  std::vector<std::string> lines;
+  for (const Node& n : list) {
+    std::string port;
+    if (n.addr.port != static_cast<int>(defaultPort)) port = std::to_string(n.addr.port);
+    lines.push_back(std::to_string(n.id) + (n.old ? ",1," : ",0,") + n.addr.addr + "," + port +
+                    "," + n.name);
   }
-  trace(4, "writeNodeList('%s') ok %d", cpath, ok ? 1 : 0);
-  return ok ? 0 : E_IO;
+  return writeLines(path, "writeNodeList", lines);
 }
 
 int readDiskList(const std::string& path, DiskMap* disks) {
@@ -125,21 +134,11 @@ int readDiskList(const std::string& path, DiskMap* disks) {
 }
 
 int writeDiskList(const std::string& path, const DiskMap& disks) {
-  char cpath[kPlatPathMax];
-  int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
-  if (rc != 0) return rc;
-  bool ok = false;
-  FILE* f = fopen(cpath, "w");
-  if (f != nullptr) {
-    for (const auto& d : disks) {
-      fprintf(f, "%d,%d,%s\n", d.first, d.second.old ? 1 : 0, d.second.label.c_str());
-      fflush(f);
-    }
-    ok = fflush(f) == 0 && !ferror(f);
-    if (fclose(f) != 0) ok = false;
+  std::vector<std::string> lines;
+  for (const auto& d : disks) {
+    lines.push_back(std::to_string(d.first) + (d.second.old ? ",1," : ",0,") + d.second.label);
   }
-  trace(4, "writeDiskList('%s') ok %d", cpath, ok ? 1 : 0);
-  return ok ? 0 : E_IO;
+  return writeLines(path, "writeDiskList", lines);
 }
 
 bool isDiskDesc(const std::string& s) {
