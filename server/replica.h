@@ -1,0 +1,80 @@
+// The agreement engine's boundary: what the request service (server/service*)
+// asks of it, and the "disks" it runs over. Nothing here knows sockets or paths;
+// the service builds the disks and hands them in, tests build in-memory ones.
+//
+// Ownership of this header: the engine. The service codes against it; a change
+// that the service needs is made here first and both sides follow.
+#ifndef SERVER_REPLICA_H
+#define SERVER_REPLICA_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zel/paxosdata.h"
+
+namespace zeld {
+
+// Every disk has this many slots; a node owns the slot its NodeDescriptor names.
+constexpr int kDiskSlots = 8;
+
+// One slot as read back: absent when never written, or when both copies are
+// torn or fail their checksum (never read as data).
+struct SlotBlock {
+  bool present = false;
+  Dblock block;
+};
+
+// A disk of Disk Paxos: kDiskSlots slots of one Dblock each. Implementations:
+// this node's own block store (a file), another node's store reached with
+// "pxread"/"pxwrite"/"pxrdwr", a tiebreaker disk file, an in-memory disk.
+// Calls may block (the engine does not call one disk from two threads at once);
+// each returns 0 or an error code and never aborts on what it reads.
+class Disk {
+ public:
+  virtual ~Disk() = default;
+  // Durably writes b into slot (refused when writer does not own that slot in
+  // the store's latest configuration, or b is older than what the slot holds),
+  // then reads every slot into *out (kDiskSlots entries).
+  virtual int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) = 0;
+  virtual int read(std::vector<SlotBlock>* out) = 0;
+  // For traces and dump: "node 2", "/path/disk0".
+  virtual std::string label() const = 0;
+};
+
+// Which disks an instance runs over, derived by the service from a committed
+// state (node stores from zel.nodes, tiebreaker files from zel.disks).
+struct DiskSet {
+  std::vector<std::shared_ptr<Disk>> nodeStores;   // one per configured node, own store included
+  std::vector<std::shared_ptr<Disk>> tiebreakers;  // may be empty
+  int minNodes = 1;
+};
+
+// Resolves an update against the state of the instance it is proposed in:
+// checks conditions, chooses versions, and fills *u; or returns the refusal
+// (153, 154, 152 ...) that ends the request. Called again for each instance
+// the update is proposed in; must be deterministic over the state.
+using PrepareFn = std::function<int(const CommittedState& state, ProposedUpdate* u)>;
+
+// Called after each decided instance is applied and durable, in seq order,
+// before the proposer's reply goes out (staged files are linked here).
+using AppliedFn = std::function<void(int seq, const CommittedState& state, const ProposedUpdate& inp)>;
+
+class Replica {
+ public:
+  virtual ~Replica() = default;
+  // Drives one update to a decision. 0 with *seq/*state after it is applied;
+  // the prepare refusal; 819 when no quorum answers within the bound (well under
+  // the client's 120 s); 148 when blocks disagree on a committed state.
+  // An update whose uid the state already includes returns 0 at once.
+  virtual int submit(const PrepareFn& prepare, int* seq, CommittedState* state) = 0;
+  // The latest applied state (a read: no agreement round).
+  virtual void snapshot(int* seq, CommittedState* state) const = 0;
+  // Engine state for "dump" and "status".
+  virtual std::string describe() const = 0;
+};
+
+}  // namespace zeld
+
+#endif  // SERVER_REPLICA_H
