@@ -59,7 +59,8 @@ using PrepareFn = std::function<int(const CommittedState& state, ProposedUpdate*
 
 // Called after each decided instance is applied and durable, in seq order,
 // before the proposer's reply goes out (staged files are linked here).
-using AppliedFn = std::function<void(int seq, const CommittedState& state, const ProposedUpdate& inp)>;
+using AppliedFn =
+    std::function<void(int seq, const CommittedState& state, const ProposedUpdate& inp)>;
 
 class Replica {
  public:

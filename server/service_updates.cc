@@ -1,0 +1,236 @@
+// Updates: vput, vdel, fdel, config through one path, and fput, which receives
+// its file into a staging file before anything is decided.
+#include <fcntl.h>
+
+#include <climits>
+#include <vector>
+
+#include "platform/pfile.h"
+#include "platform/pfileio.h"
+#include "server/globals.h"
+#include "server/service.h"
+#include "zel/paxosutils.h"
+#include "zel/zelerr.h"
+#include "zel/zelmsg.h"
+
+namespace zeld {
+
+namespace {
+
+// Files are stored up to 2 GiB - 1: sizes travel as 32-bit signed numbers.
+constexpr long long kMaxFileBytes = 0x7fffffffLL;
+// Stands in for the id a new file name will get, for the check on arrival.
+constexpr int kUnassignedFileId = INT_MAX - 1;
+
+std::string uidBody(const UpdateId& uid) {
+  std::string b(static_cast<size_t>(uid.getSize()), '\0');
+  uid.dump(&b[0]);
+  return b;
+}
+
+using PrepFn = int (*)(const CommittedState&, const UpdateAsk&, ProposedUpdate*);
+
+// Decodes an update body; the prepare function for it, or null when malformed.
+PrepFn decodeUpdate(int type, const char* p, const char* end, UpdateAsk* a) {
+  p = a->uid.load(p, end);
+  PrepFn fn = nullptr;
+  switch (type) {
+    case MSG_TYPE_VPUT:
+      p = LoadString(p, end, &a->name);
+      p = LoadString(p, end, &a->value);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      p = LoadVarUInt(p, end, &a->newVersion, -1);
+      fn = PrepareValuePut;
+      break;
+    case MSG_TYPE_VDEL:
+      p = LoadString(p, end, &a->name);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      fn = PrepareValueDel;
+      break;
+    case MSG_TYPE_FDEL:
+      p = LoadString(p, end, &a->name);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      fn = PrepareFileDel;
+      break;
+    case MSG_TYPE_CONFIG:
+      p = p == nullptr ? nullptr : a->config.load(p, end);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      fn = PrepareConfig;
+      break;
+  }
+  return p != nullptr && p == end ? fn : nullptr;
+}
+
+}  // namespace
+
+bool Service::update(Req& r) {
+  UpdateAsk ask;
+  PrepFn prep = decodeUpdate(r.type, r.p, r.end, &ask);
+  if (prep == nullptr) return sendFailed(r.c, E_INVAL);
+  if (r.type == MSG_TYPE_FDEL) ask.fileId = g_.files().lookup(ask.name);
+  return decide(r, ask, prep);
+}
+
+bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
+  int seq = 0;
+  CommittedState s;
+  int rc = g_.repo().snapshot(&seq, &s);
+  if (rc != 0) return sendFailed(r.c, rc);
+  if (!ask.uid.isNull() && s.includes(ask.uid) != 0) {
+    return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+  }
+  // Checked on arrival, before an id is issued, and again in every instance.
+  ProposedUpdate u;
+  rc = prep(s, ask, &u);
+  if (rc != 0) return refuse(r.c, rc);
+
+  bool announced = false, sent = true;
+  auto announce = [&](const UpdateId& uid) {
+    std::string b = uidBody(uid);
+    announced = true;
+    sent = r.c.send(REPLY_TYPE_UID, b.data(), static_cast<int>(b.size())) == 0;
+  };
+  UpdateAsk a = ask;
+  auto prepare = [&a, prep](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+    a.uid = uid;
+    return prep(st, a, pu);
+  };
+  UpdateId uid = ask.uid;
+  rc = g_.repo().propose(&uid, false, announce, prepare, std::string(), &seq, &s);
+  if (!sent) return false;
+  if (announced) {
+    int type = -1, len = 0;
+    char* body = nullptr;
+    int rrc = r.c.receive(&type, &body, &len);
+    delete[] body;
+    if (rrc != 0 || type != MSG_TYPE_OK) return false;
+  }
+  if (rc != 0) return refuse(r.c, rc);
+  if (g_.loseReply()) {
+    trace(1, "test switch: losing the reply to %s", uid.toString().c_str());
+    return false;
+  }
+  return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+}
+
+bool Service::fput(Req& r) {
+  UpdateAsk ask;
+  int size = -1;
+  const char* p = ask.uid.load(r.p, r.end);
+  p = LoadString(p, r.end, &ask.name);
+  p = LoadVarUInt(p, r.end, &size, -1);
+  p = LoadVarUInt(p, r.end, &ask.cond, -1);
+  p = LoadVarUInt(p, r.end, &ask.newVersion, -1);
+  if (p == nullptr || p != r.end || size < 0 || size > kMaxFileBytes) {
+    return sendFailed(r.c, E_INVAL);
+  }
+  int seq = 0;
+  CommittedState s;
+  int rc = g_.repo().snapshot(&seq, &s);
+  if (rc != 0) return sendFailed(r.c, rc);
+  if (!ask.uid.isNull() && s.includes(ask.uid) != 0) {
+    return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+  }
+  ask.fileId = g_.files().lookup(ask.name);
+  UpdateAsk early = ask;
+  if (early.fileId < 0)
+    early.fileId = ask.name == kNodesFileName ? kNodesFileId : kUnassignedFileId;
+  ProposedUpdate u;
+  rc = PrepareFilePut(s, early, &u);
+  if (rc != 0) return refuse(r.c, rc);
+
+  // An fput gets a stream of its own: its upload may take long, and no other
+  // update may wait behind it or be shadowed by it.
+  bool fresh = ask.uid.isNull();
+  if (fresh) {
+    rc = g_.uids().newStream(&ask.uid);
+    if (rc != 0) return refuse(r.c, rc);
+  }
+  std::string b = uidBody(ask.uid) + std::string(1, '\1');
+  if (r.c.send(REPLY_TYPE_UID_FPUT, b.data(), static_cast<int>(b.size())) != 0) return false;
+
+  std::string staging;
+  int fd = -1;
+  int localErr = g_.files().createStaging(ask.uid, &staging, &fd);
+  // Receives "fdata" up to "fcrc", then the client's "ok". A failure to store
+  // is answered after the transfer; a peer that breaks the exchange is dropped.
+  long long got = 0;
+  unsigned int crc = 0, sentCrc = 0;
+  bool ended = false;
+  while (!ended) {
+    int type = -1, len = 0;
+    char* body = nullptr;
+    if (r.c.receive(&type, &body, &len) != 0) {
+      delete[] body;
+      break;
+    }
+    if (type == MSG_TYPE_FDATA && got + len <= size) {
+      if (localErr == 0 && len > 0) localErr = PlatPwrite(fd, body, len, got);
+      crc = partialcrc(reinterpret_cast<unsigned char*>(body), len, crc);
+      got += len;
+    } else if (type == MSG_TYPE_FCRC && len >= 4) {
+      LoadUInt32(body, body + len, &sentCrc);
+      ended = true;
+    } else {
+      delete[] body;
+      trace(2, "fput '%s': unexpected %s (len %d) during the transfer", ask.name.c_str(),
+            msgName(type), len);
+      break;
+    }
+    delete[] body;
+  }
+  if (localErr == 0 && ended) localErr = PlatFsync(fd);
+  if (fd >= 0) PlatClose(fd);
+  int type = -1, len = 0;
+  char* body = nullptr;
+  if (!ended || r.c.receive(&type, &body, &len) != 0 || type != MSG_TYPE_OK) {
+    delete[] body;
+    PlatUnlink(staging.c_str());
+    return false;
+  }
+  delete[] body;
+  crc = finalcrc(crc, static_cast<unsigned long>(got));
+  if (localErr != 0 || got != size || crc != sentCrc) {
+    PlatUnlink(staging.c_str());
+    if (localErr != 0) return refuse(r.c, localErr);
+    trace(1, "fput '%s': %lld of %d bytes, crc 0x%x (sent 0x%x)", ask.name.c_str(), got, size, crc,
+          sentCrc);
+    return sendFailed(r.c, E_XFER_FAILED);
+  }
+
+  ask.crc = crc;
+  rc = g_.files().idFor(ask.name, s, &ask.fileId);
+  if (rc != 0) {
+    PlatUnlink(staging.c_str());
+    return refuse(r.c, rc);
+  }
+  bool announced = false, sent = true;
+  auto announce = [&](const UpdateId& uid) {
+    std::string nb = uidBody(uid) + std::string(1, '\0');
+    announced = true;
+    sent = r.c.send(REPLY_TYPE_UID_FPUT, nb.data(), static_cast<int>(nb.size())) == 0;
+  };
+  UpdateAsk a = ask;
+  auto prepare = [&a](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+    a.uid = uid;
+    return PrepareFilePut(st, a, pu);
+  };
+  UpdateId uid = ask.uid;
+  rc = g_.repo().propose(&uid, fresh, announce, prepare, staging, &seq, &s);
+  if (rc != 0) PlatUnlink(staging.c_str());
+  if (!sent) return false;
+  if (announced) {
+    body = nullptr;
+    int rrc = r.c.receive(&type, &body, &len);
+    delete[] body;
+    if (rrc != 0 || type != MSG_TYPE_OK) return false;
+  }
+  if (rc != 0) return refuse(r.c, rc);
+  if (g_.loseReply()) {
+    trace(1, "test switch: losing the reply to %s", uid.toString().c_str());
+    return false;
+  }
+  return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+}
+
+}  // namespace zeld
