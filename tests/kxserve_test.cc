@@ -53,11 +53,11 @@ int authSeesHeaderOnly(int sock, const SdrSecInfo& info) {
 
 TEST(KxServe, ClientGreetingAndAnswerAgree) {
   // What this library's client sends is what the server half reads.
-  std::string g = kxGreetingBytes();
+  std::string g = kxGreetingBytes(0x1122334455667788ULL);
   ClientGreeting cg;
   ASSERT_EQ(kxParseClientGreeting(g.data(), g.data() + g.size(), &cg), 0);
   EXPECT_EQ(cg.version, kZelProtocolVersion);
-  EXPECT_EQ(cg.clusterId, zelClusterId);
+  EXPECT_EQ(cg.clusterId, 0x1122334455667788ULL);
   EXPECT_FALSE(cg.hasRecord6);
 
   struct Case {
@@ -88,7 +88,7 @@ TEST(KxServe, ClientGreetingAndAnswerAgree) {
 }
 
 TEST(KxServe, MalformedGreetingsAreErrors) {
-  std::string good = kxGreetingBytes();
+  std::string good = kxGreetingBytes(0);
   std::string badMagic = good;
   badMagic[0] ^= 1;
   std::string longRec = good.substr(0, 20) + u32(kMaxClientGreetingRecord + 1) + u32(0);
@@ -135,12 +135,12 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     ServerConnection c(p.fd[1], info, peer, nullptr, 1000, 1000);
     p.fd[1] = -1;
     p.put(header(MSG_TYPE_VGET, 0) + header(MSG_TYPE_VPUT, ZEL_MAX_BODY_LENGTH + 1));
-    int type = 0, len = 0;
-    char* body = nullptr;
-    ASSERT_EQ(c.receive(&type, &body, &len), 0);
+    int type = 0;
+    MsgBody body;
+    ASSERT_EQ(c.receive(&type, &body), 0);
     EXPECT_EQ(type, MSG_TYPE_VGET);
-    EXPECT_EQ(body, nullptr);
-    EXPECT_EQ(c.receive(&type, &body, &len), E_BAD_MESSAGE);
+    EXPECT_TRUE(body.empty());
+    EXPECT_EQ(c.receive(&type, &body), E_BAD_MESSAGE);
     EXPECT_TRUE(c.isBroken());
   }
   {
@@ -152,13 +152,11 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     p.fd[1] = -1;
     authCalls = 0;
     p.put(header(MSG_TYPE_VPUT, 2) + "BB" + header(MSG_TYPE_VDEL, 1) + "B");
-    int type = 0, len = 0;
-    char* body = nullptr;
-    ASSERT_EQ(c.receive(&type, &body, &len), 0);
-    EXPECT_EQ(std::string(body, len), "BB");
-    delete[] body;
-    ASSERT_EQ(c.receive(&type, &body, &len), 0);
-    delete[] body;
+    int type = 0;
+    MsgBody body;
+    ASSERT_EQ(c.receive(&type, &body), 0);
+    EXPECT_EQ(std::string(body.data(), body.size()), "BB");
+    ASSERT_EQ(c.receive(&type, &body), 0);
     EXPECT_EQ(authCalls, 1);
     EXPECT_TRUE(c.isAuthenticated());
   }
@@ -169,12 +167,12 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     ServerConnection c(p.fd[1], info, peer, authSeesHeaderOnly, 1000, 1000);
     p.fd[1] = -1;
     p.put(header(MSG_TYPE_FPUT, 3) + "BBB" + header(REPLY_TYPE_EOR, 0));
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(c.receive(&type, &body, &len), E_AUTH_PARAMS);
+    int type = 0;
+    MsgBody body;
+    EXPECT_EQ(c.receive(&type, &body), E_AUTH_PARAMS);
     EXPECT_FALSE(c.isBroken());
     c.setFirstMessage();
-    ASSERT_EQ(c.receive(&type, &body, &len), 0);
+    ASSERT_EQ(c.receive(&type, &body), 0);
     EXPECT_EQ(type, REPLY_TYPE_EOR);
   }
   {
@@ -183,9 +181,9 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     ServerConnection c(p.fd[1], info, peer, nullptr, 1000, 50);
     p.fd[1] = -1;
     p.put(header(MSG_TYPE_VPUT, 100) + "x");
-    int type = 0, len = 0;
-    char* body = nullptr;
-    EXPECT_EQ(c.receive(&type, &body, &len), ETIMEDOUT);
+    int type = 0;
+    MsgBody body;
+    EXPECT_EQ(c.receive(&type, &body), ETIMEDOUT);
   }
 }
 

@@ -365,9 +365,8 @@ TEST(ServerService, InitRefusals) {
   ASSERT_EQ(h.init(5), 0);
   EXPECT_EQ(h.init(6), EEXIST);  // another configuration needs a fresh directory
   // A client of another cluster is turned away at the greeting.
-  zelClusterId = 9;
-  EXPECT_EQ(h.connect(), nullptr);
-  zelClusterId = 0;
+  EXPECT_EQ(h.connect(9), nullptr);
+  EXPECT_NE(h.connect(5), nullptr);
 }
 
 TEST(ServerService, StopsOnQuitAfterAnswering) {

@@ -151,10 +151,9 @@ int ServerConnection::skipBody(unsigned int len) {
   return 0;
 }
 
-int ServerConnection::receive(int* type, char** body, int* length) {
+int ServerConnection::receive(int* type, MsgBody* body) {
   *type = -1;
-  *body = nullptr;
-  *length = 0;
+  body->reset();
   char hdr[kHdrLen];
   int rc = kxFullRecv(sock_, hdr, kHdrLen, idleMs_);
   if (rc != 0) {
@@ -190,19 +189,16 @@ int ServerConnection::receive(int* type, char** body, int* length) {
     }
   }
   if (dataLen > 0) {
-    char* data = new (std::nothrow) char[dataLen];
-    if (data == nullptr) {
+    if (!body->allocate(dataLen)) {
       broken_ = true;
       return E_NOMEM;
     }
-    rc = kxFullRecv(sock_, data, dataLen, ioMs_);
+    rc = kxFullRecv(sock_, body->data(), dataLen, ioMs_);
     if (rc != 0) {
-      delete[] data;
+      body->reset();
       broken_ = true;
       return rc;
     }
-    *body = data;
-    *length = static_cast<int>(dataLen);
   }
   trace(5, "received msg %d '%s' len %u (sock %d)", *type, msgName(*type), dataLen, sock_);
   return 0;

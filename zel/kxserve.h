@@ -58,7 +58,8 @@ class ServerConnection : public Connection {
   // 818 for a body over ZEL_MAX_BODY_LENGTH (the body is not read). When the
   // authentication parameters are missing (720) the body is read and dropped and
   // the connection stays usable for the refusal.
-  int receive(int* type, char** body, int* length) override;
+  int receive(int* type, MsgBody* body) override;
+  using Connection::receive;
   void close() override;
   // Hands the socket back to the caller, who closes it.
   int release() {
@@ -74,6 +75,8 @@ class ServerConnection : public Connection {
   void setBroken() override { broken_ = true; }
   bool isAuthenticated() const override { return authenticated_; }
   void setFirstMessage() override { firstMsg_ = true; }
+  // The cluster check is the greeting's, made before this connection exists.
+  void setClientClusterId(unsigned long long) override {}
 
  private:
   int skipBody(unsigned int len);

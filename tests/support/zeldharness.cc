@@ -38,18 +38,18 @@ void ZeldHarness::stop() {
   started_ = false;
 }
 
-std::unique_ptr<ConnImplementation> ZeldHarness::connect() const {
+std::unique_ptr<ConnImplementation> ZeldHarness::connect(unsigned long long clusterId) const {
   CommAddr a;
   IpAddr::parse("127.0.0.1", &a.addr);
   a.port = port();
   int sock = -1;
   if (PlatSocket(AF_INET, SOCK_STREAM, &sock) != 0) return nullptr;
   SdrSecInfo info;
-  if (kxConnectSocket(sock, a, 2000, &info) != 0) {
+  if (kxConnectSocket(sock, a, 2000, clusterId, &info) != 0) {
     close(sock);
     return nullptr;
   }
-  return std::unique_ptr<ConnImplementation>(new ConnImplementation(sock, info, a));
+  return std::unique_ptr<ConnImplementation>(new ConnImplementation(sock, info, a, clusterId));
 }
 
 int ZeldHarness::init(unsigned long long clusterId) {
@@ -66,11 +66,9 @@ int ZeldHarness::init(unsigned long long clusterId) {
 
 Reply ReceiveReply(Connection* c) {
   Reply r;
-  char* body = nullptr;
-  int len = 0;
-  r.rc = ReceiveErrCheck(c, &r.type, &body, &len);
-  if (body != nullptr) r.body.assign(body, len);
-  delete[] body;
+  MsgBody body;
+  r.rc = ReceiveErrCheck(c, &r.type, &body);
+  if (!body.empty()) r.body.assign(body.data(), body.size());
   return r;
 }
 

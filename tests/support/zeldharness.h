@@ -28,8 +28,8 @@ class ZeldHarness {
   MemReplica* replica() const { return *factory_.last; }
   void stop();
 
-  // A connected, greeted client connection (null on failure).
-  std::unique_ptr<ConnImplementation> connect() const;
+  // A connected, greeted client connection of a client of clusterId (null on failure).
+  std::unique_ptr<ConnImplementation> connect(unsigned long long clusterId = 0) const;
   // Sends "init" naming this server as node 1 of cluster clusterId.
   int init(unsigned long long clusterId = 77);
 
