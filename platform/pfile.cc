@@ -57,53 +57,6 @@ int PlatFsync(int fd) {
   return rc < 0 ? errno : 0;
 }
 
-int PlatPreadFull(int fd, void* buf, size_t len, off_t off, size_t* done) {
-  size_t got = 0;
-  int rc = 0;
-  while (got < len) {
-    ssize_t n =
-        ::pread(fd, static_cast<char*>(buf) + got, len - got, off + static_cast<off_t>(got));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      rc = errno;
-      break;
-    }
-    if (n == 0) break;
-    got += static_cast<size_t>(n);
-  }
-  if (done != nullptr) *done = got;
-  return rc;
-}
-
-int PlatPwriteFull(int fd, const void* buf, size_t len, off_t off) {
-  size_t put = 0;
-  while (put < len) {
-    ssize_t n =
-        ::pwrite(fd, static_cast<const char*>(buf) + put, len - put, off + static_cast<off_t>(put));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno;
-    if (n == 0) return EIO;
-    put += static_cast<size_t>(n);
-  }
-  return 0;
-}
-
-int PlatFdatasync(int fd) {
-  int rc;
-  do {
-    rc = ::fdatasync(fd);
-  } while (rc < 0 && errno == EINTR);
-  return rc < 0 ? errno : 0;
-}
-
-int PlatFtruncate(int fd, off_t len) {
-  int rc;
-  do {
-    rc = ::ftruncate(fd, len);
-  } while (rc < 0 && errno == EINTR);
-  return rc < 0 ? errno : 0;
-}
-
 int PlatStat(const char* path, struct stat* st) {
   return ::stat(path, st) < 0 ? errno : 0;
 }

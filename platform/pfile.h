@@ -18,12 +18,6 @@ int PlatRead(int fd, void* buf, size_t len, size_t* got);
 // One write(2); *put receives the byte count.
 int PlatWrite(int fd, const void* buf, size_t len, size_t* put);
 int PlatFsync(int fd);
-// Positioned I/O, looping until len bytes are done; *done (optional) gets the bytes
-// moved, which for a read is short only at end of file.
-int PlatPreadFull(int fd, void* buf, size_t len, off_t off, size_t* done);
-int PlatPwriteFull(int fd, const void* buf, size_t len, off_t off);
-int PlatFdatasync(int fd);
-int PlatFtruncate(int fd, off_t len);
 int PlatStat(const char* path, struct stat* st);
 int PlatFstat(int fd, struct stat* st);
 int PlatRename(const char* from, const char* to);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include "platform/pfile.h"
+#include "platform/pfileio.h"
 #include "server/blockrules.h"
 #include "server/inputcheck.h"
 #include "zel/paxosutils.h"
@@ -13,17 +14,6 @@ namespace {
 
 off_t regionOffset(int slot, int copy) {
   return static_cast<off_t>((slot * 2 + copy) * kSlotRegionBytes);
-}
-
-int syncDirOf(const std::string& path) {
-  size_t cut = path.find_last_of('/');
-  std::string dir = cut == std::string::npos ? "." : cut == 0 ? "/" : path.substr(0, cut);
-  int fd = -1;
-  int rc = PlatOpen(dir.c_str(), O_RDONLY | O_DIRECTORY, 0, &fd);
-  if (rc != 0) return rc;
-  rc = PlatFsync(fd);
-  PlatClose(fd);
-  return rc;
 }
 
 }  // namespace
@@ -46,7 +36,11 @@ int BlockStore::Init(const std::string& path, int slot, const Dblock& b) {
   if (rc == 0) rc = PlatFtruncate(fd, regionOffset(kDiskSlots, 0));
   if (rc == 0) rc = store.writeSlot(-1, slot, b);
   if (rc == 0) rc = PlatFsync(fd);
-  if (rc == 0) rc = syncDirOf(path);
+  if (rc == 0) {
+    size_t cut = path.find_last_of('/');
+    std::string dir = cut == std::string::npos ? "." : cut == 0 ? "/" : path.substr(0, cut);
+    rc = PlatFsyncDir(dir.c_str());
+  }
   if (rc != 0) trace(1, "block store %s: init failed (%d)", path.c_str(), rc);
   return rc;
 }
@@ -59,7 +53,7 @@ int BlockStore::readCopy(int slot, int copy, SlotHeader* hdr, bool* valid) {
   *valid = false;
   char raw[kSlotHeaderBytes];
   size_t got = 0;
-  int rc = PlatPreadFull(fd_, raw, sizeof raw, regionOffset(slot, copy), &got);
+  int rc = PlatPread(fd_, raw, sizeof raw, regionOffset(slot, copy), &got);
   if (rc != 0) return rc;
   CopyCache& c = cache_[slot][copy];
   if (DecodeSlotHeader(raw, got, hdr) != 0) {
@@ -74,7 +68,7 @@ int BlockStore::readCopy(int slot, int copy, SlotHeader* hdr, bool* valid) {
   }
   c.valid = false;
   std::string buf(kSlotHeaderBytes + hdr->length, '\0');
-  rc = PlatPreadFull(fd_, &buf[0], buf.size(), regionOffset(slot, copy), &got);
+  rc = PlatPread(fd_, &buf[0], buf.size(), regionOffset(slot, copy), &got);
   if (rc != 0) return rc;
   if (DecodeSlotCopy(buf.data(), got, &c.hdr, &c.block) != 0) return 0;
   c.valid = true;
@@ -127,8 +121,8 @@ int BlockStore::writeSlot(int writerId, int slot, const Dblock& b) {
   rc = EncodeSlotCopy(b, gen + 1, writerId, &buf);
   if (rc != 0) return rc;
   cache_[slot][target].valid = false;
-  rc = PlatPwriteFull(fd_, buf.data(), buf.size(), regionOffset(slot, target));
-  if (rc == 0) rc = PlatFdatasync(fd_);
+  rc = PlatPwrite(fd_, buf.data(), buf.size(), regionOffset(slot, target));
+  if (rc == 0) rc = PlatFsync(fd_);
   if (rc != 0) trace(1, "block store %s: write of slot %d failed (%d)", path_.c_str(), slot, rc);
   return rc;
 }
