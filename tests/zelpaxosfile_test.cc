@@ -45,7 +45,7 @@ TEST_F(PaxosFileTest, StoreReplacesAtomically) {
             std::make_tuple(1u, 77ull, 3, ReadFile(path()).size()));
   // A failed store (the temporary name is taken by a directory) keeps the file.
   ASSERT_EQ(mkdir(tmpFileName(path()).c_str(), 0755), 0);
-  EXPECT_EQ(storePFDToFile(7, CommittedState()), EISDIR);
+  EXPECT_EQ(storePFDToFile(7, CommittedState()), EEXIST);
   int seq = -1;
   CommittedState back;
   ASSERT_EQ(loadPFDFromFile(&seq, &back), 0);
@@ -93,7 +93,11 @@ TEST_F(PaxosFileTest, DamagedFilesFailWith214) {
   }
   PaxosFileData pfd;
   EXPECT_EQ(pfd.loadFromFile(dir_.file("absent")), ENOENT);
-  EXPECT_EQ(pfd.loadFromFile(dir_.path()), EISDIR);
+  // Only a regular file is read: a directory or a FIFO is refused at once
+  // (opening a FIFO for reading would wait for a writer for ever).
+  EXPECT_EQ(pfd.loadFromFile(dir_.path()), E_INVAL);
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0644), 0);
+  EXPECT_EQ(pfd.loadFromFile(dir_.file("fifo")), E_INVAL);
 }
 
 TEST_F(PaxosFileTest, CommittedFilePathForms) {

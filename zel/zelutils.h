@@ -73,6 +73,7 @@ extern Node zelMyNode;            // copy of the local node's entry
 extern bool isTrovInstall;        // product installation under /var/kolt
 extern bool isTestInstall;        // allows ZEL_BASE and /tmp/zel[.PORT]
 extern int zelTraceBoost;         // added to the ZEL_DEBUG level (the -V count)
+extern bool zelStdoutIsData;      // standard output carries a file: notes go to stderr
 
 extern std::string zelBaseDir;
 extern std::string zelCertFilePath;
