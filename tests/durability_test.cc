@@ -74,7 +74,7 @@ class DurabilityTest : public ::testing::Test {
 
   std::vector<Writer> writers() {
     return {
-        {"state file", "zel.paxos", [](int v) { return storePFDToFile(v, SampleState()); }},
+        {"state file", "zel.paxos", [](int v) { return storePFDToFile(v, SampleState(), 0); }},
         {"node list", "zel.nodes",
          [this](int v) {
            return writeNodeList(dir_.file("zel.nodes"),

@@ -9,6 +9,7 @@
 
 #include "platform/pclock.h"
 #include "zel/cachedcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosclient_int.h"
 #include "zel/paxosutils.h"
@@ -18,9 +19,6 @@
 #include "zel/zelpaxosfile.h"
 #include "zel/zelutils.h"
 #include "zel/zelxfer.h"
-
-std::vector<int> serverIds;
-int maxRetryTime = 16;
 
 namespace {
 
@@ -72,17 +70,13 @@ int fxferNodesFile(Connection* conn, const FileVersion& fv) {
   ZASSERT_T(p == &body[0] + len, "bufP - msgP == len");
   int rc = conn->send(MSG_TYPE_FXFER, body.data(), len);
   if (rc != 0) return rc;
-  int type = -1, replyLen = 0;
-  char* reply = nullptr;
-  rc = ReceiveErrCheck(conn, &type, &reply, &replyLen);
-  if (rc != 0) {
-    delete[] reply;
-    return rc;
-  }
+  int type = -1;
+  MsgBody reply;
+  rc = ReceiveErrCheck(conn, &type, &reply);
+  if (rc != 0) return rc;
   int size = -1;
-  const char* end = LoadVarUInt(reply, reply + replyLen, &size, 0);
-  bool ok = type == MSG_TYPE_OK && end != nullptr && end == reply + replyLen;
-  delete[] reply;
+  const char* end = LoadVarUInt(reply.data(), reply.end(), &size, 0);
+  bool ok = type == MSG_TYPE_OK && end != nullptr && end == reply.end();
   if (!ok) {
     conn->setBroken();
     return E_BAD_MESSAGE;
@@ -115,14 +109,6 @@ const char kNodesFileName[] = "zel.nodes";
 std::string stateText(int level, const CommittedState& committed) {
   if (level > traceLevel && level > traceFlags) return std::string();
   return committed.toString();
-}
-
-void releaseConnection(Connection* conn) {
-  if (useCachedConnections) {
-    outConnectionCache.addConnectionToMap(conn);
-  } else {
-    delete conn;
-  }
 }
 
 std::string nodesFilePath(const FileVersion& fv) {
@@ -160,7 +146,7 @@ int PaxosInit() {
   for (const Node& n : GetNodeList()) serverIds.push_back(n.id);
   int seq = 0;
   CommittedState committed;
-  int rc = loadPFDFromFile(&seq, &committed);
+  int rc = loadPFDFromFile(&seq, &committed, &zelClusterId);
   if (rc == 0) {
     ServerCompare cmp;
     for (const NodeDescriptor& nd : committed.config.nodes) {
@@ -180,6 +166,15 @@ int PaxosInit() {
   }
   trace(4, "PaxosInit serverIds: %s", idsToString(serverIds).c_str());
   return rc;
+}
+
+void ClientRetry::reset() {
+  active = true;
+  stopAfterRound = false;
+  firstError = 0;
+  attempt = 0;
+  server = -1;
+  connected = false;
 }
 
 bool ClientRetry::nextTry(int err) {
@@ -221,6 +216,7 @@ int PaxosRequest(const char* name, const PaxosAttemptFn& attempt) {
     if (err != 0) continue;
     err = attempt(conn, &retry);
     releaseConnection(conn);
+    flushCacheUpdates(&retry);
   }
   if (retry.active) return retry.firstError != 0 ? retry.firstError : E_NO_SERVER;
   return err;
@@ -258,7 +254,7 @@ int PaxosDiscover() {
       retry->active = false;
       seq = r.seq;
       committed = r.committed;
-      return storePFDToFile(r.seq, r.committed);
+      return storePFDToFile(r.seq, r.committed, zelClusterId);
     }
     if (++restarts > kMaxDiscoverRestarts) return static_cast<int>(E_NO_SERVER);
     PaxosInit();
@@ -280,7 +276,7 @@ void updateClientCache(int seq, const CommittedState& committed, unsigned long l
   } else {
     return;
   }
-  if (storePFDToFile(seq, committed) != 0 || v <= nlVersion) return;
+  if (storePFDToFile(seq, committed, zelClusterId) != 0 || v <= nlVersion) return;
 
   const FileVersion fv = it->second;
   std::string path = nodesFilePath(fv);

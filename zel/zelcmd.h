@@ -31,9 +31,6 @@ struct ZelSettings {
   std::string usageError;            // why ParseOptions refused the command line
 };
 
-// argv[0], kept for the usage text.
-extern std::string pgmName;
-
 // Parses options from argv[2] on (argv[1] is the subcommand). Returns 0, or -1
 // after an invalid option or a value that is not a number in range (then
 // s->usageError names it). Prints the -D note itself.

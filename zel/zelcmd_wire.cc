@@ -5,22 +5,22 @@
 #include <sstream>
 
 #include "platform/pfile.h"
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
 #include "zel/zelerr.h"
+#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
 
 namespace {
 
 // Sends an empty request of type to the node and discards the reply.
 int sendToNode(const Node& node, int type) {
-  int replyType = 0, replyLen = 0;
-  char* reply = nullptr;
-  int rc = SendReceive(node.addr.addr, node.addr.port, type, nullptr, 0, &replyType, &reply,
-                       &replyLen, -1);
-  delete[] reply;
+  int replyType = 0;
+  MsgBody reply;
+  int rc = SendReceive(node.addr.addr, node.addr.port, type, nullptr, 0, &replyType, &reply, -1);
   trace(4, "%s to node %s returned %d", msgName(type), node.toString().c_str(), rc);
   return rc;
 }
@@ -33,7 +33,7 @@ int ReadPaxosCommand(const ZelSettings&, const ZelArgs& args) {
   long long size = PlatStat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
   PaxosFileData pfd;
   PaxosHeader hdr;
-  int rc = pfd.loadFromFile(path, &hdr);
+  int rc = loadPaxosFile(path, &pfd, &hdr, &zelClusterId);
   if (rc != 0) {
     fprintf(stderr, "loadFromFile failed with err %d\n", rc);
     return rc;

@@ -10,8 +10,6 @@
 #include "platform/ptemp.h"
 #include "zel/paxosutils.h"
 
-unsigned long long zelClusterId = 0;
-
 std::string tmpFileName(const std::string& path) {
   return PlatTmpName(path);
 }

@@ -22,13 +22,14 @@ constexpr int kStoreFmtVersion = 1;
 // far larger than that is not a state file and is not read into memory.
 constexpr long long kMaxStateFileBytes = 64LL << 20;
 
-// Header and body for format version 1, with the CRC set.
-std::vector<char> encodeStateFile(const PaxosFileData& pfd) {
+// Header and body for format version 1, with the CRC set; empty when out of memory.
+std::vector<char> encodeStateFile(const PaxosFileData& pfd, unsigned long long clusterId,
+                                  int writerId) {
   PaxosHeader h;
   h.magic = kPaxosMagic;
   h.fmtVersion = kStoreFmtVersion;
-  h.cid = zelClusterId;
-  h.lastWriterId = zelNodeId;
+  h.cid = clusterId;
+  h.lastWriterId = writerId;
   int size = h.getSize() + pfd.getSize(kStoreFmtVersion);
   h.len = static_cast<unsigned int>(size);
   std::vector<char> data(static_cast<size_t>(size));
@@ -42,7 +43,8 @@ std::vector<char> encodeStateFile(const PaxosFileData& pfd) {
 
 }  // namespace
 
-int PaxosFileData::loadFromFile(const std::string& path, PaxosHeader* hdr) {
+int loadPaxosFile(const std::string& path, PaxosFileData* pfd, PaxosHeader* hdr,
+                  unsigned long long* clusterId) {
   PlatFd fd;
   // A FIFO or a device here must not hang the command.
   int rc = PlatOpenRegular(path.c_str(), O_RDONLY, fd.out());
@@ -60,11 +62,10 @@ int PaxosFileData::loadFromFile(const std::string& path, PaxosHeader* hdr) {
     return E_BAD_PAXOS_DATA;
   }
   size_t size = static_cast<size_t>(st.st_size);
-  std::unique_ptr<char[]> owned(new (std::nothrow) char[size > 0 ? size : 1]);
-  if (!owned) return E_NOMEM;
-  char* buf = owned.get();
+  std::unique_ptr<char[]> buf(new (std::nothrow) char[size > 0 ? size : 1]);
+  if (!buf) return E_NOMEM;
   size_t got = 0;
-  rc = PlatRead(fd.get(), buf, size, &got);
+  rc = PlatRead(fd.get(), buf.get(), size, &got);
   fd.reset();
   if (got < size) {
     trace(1, "PaxosFileData::loadFromFile() failed: read %d (expected %d)", static_cast<int>(got),
@@ -72,35 +73,38 @@ int PaxosFileData::loadFromFile(const std::string& path, PaxosHeader* hdr) {
     return rc != 0 ? rc : E_IO;
   }
 
-  const char* end = buf + size;
+  const char* start = buf.get();
+  const char* end = start + size;
   PaxosHeader h;
-  const char* body = h.load(buf, end);
-  const char* e = load(body, end, static_cast<int>(h.fmtVersion));
+  const char* body = h.load(start, end);
+  const char* e = pfd->load(body, end, static_cast<int>(h.fmtVersion));
   int status = 0;
-  if (e == nullptr || h.validate(buf, end) != 0) status = E_BAD_PAXOS_DATA;
-  if (zelClusterId != 0 && h.cid != 0 && h.cid != zelClusterId) {
+  if (e == nullptr || h.validate(start, end) != 0) status = E_BAD_PAXOS_DATA;
+  if (*clusterId != 0 && h.cid != 0 && h.cid != *clusterId) {
     trace(1, "PaxosFileData::loadFromFile(): cluster id %llu of '%s' is not %llu", h.cid,
-          path.c_str(), zelClusterId);
+          path.c_str(), *clusterId);
     status = E_BAD_PAXOS_DATA;
   }
-  if (zelClusterId == 0) zelClusterId = h.cid;
+  if (*clusterId == 0) *clusterId = h.cid;
   trace(6, "Bytes processed (file: '%s'): %d", path.c_str(),
-        e == nullptr ? 0 : static_cast<int>(e - buf));
+        e == nullptr ? 0 : static_cast<int>(e - start));
   if (hdr != nullptr) *hdr = h;
   return status;
 }
 
-int PaxosFileData::storeToFile(const std::string& path) const {
+int storePaxosFile(const std::string& path, const PaxosFileData& pfd, unsigned long long clusterId,
+                   int writerId) {
+  std::vector<char> data = encodeStateFile(pfd, clusterId, writerId);
+  int size = static_cast<int>(data.size());
+  char* dataP = data.data();
   PlatFd fd;
   int rc = PlatOpen(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644, fd.out());
   if (rc != 0) {
     trace(1, "PaxosLocalFile::storeToFile: open %s failed (%d)", path.c_str(), rc);
     return rc;
   }
-  std::vector<char> data = encodeStateFile(*this);
-  int size = static_cast<int>(data.size());
   size_t put = 0;
-  rc = PlatWrite(fd.get(), data.data(), data.size(), &put);
+  rc = PlatWrite(fd.get(), dataP, static_cast<size_t>(size), &put);
   int err;
   if (put == static_cast<size_t>(size)) {
     err = PlatFsync(fd.get());
@@ -116,9 +120,9 @@ int PaxosFileData::storeToFile(const std::string& path) const {
   return err;
 }
 
-int loadPFDFromFile(int* seq, CommittedState* committed) {
+int loadPFDFromFile(int* seq, CommittedState* committed, unsigned long long* clusterId) {
   PaxosFileData pfd;
-  int rc = pfd.loadFromFile(zelPaxosLFDClientPath);
+  int rc = loadPaxosFile(zelPaxosLFDClientPath, &pfd, nullptr, clusterId);
   if (rc != 0) {
     trace(1, "Loading paxos file data from '%s' failed (%d)", zelPaxosLFDClientPath.c_str(), rc);
     return rc;
@@ -129,12 +133,12 @@ int loadPFDFromFile(int* seq, CommittedState* committed) {
   return 0;
 }
 
-int storePFDToFile(int seq, const CommittedState& committed) {
+int storePFDToFile(int seq, const CommittedState& committed, unsigned long long clusterId) {
   PaxosFileData pfd;
   pfd.summary.committed = committed;
   pfd.summary.seq = seq;
   std::string tmp = tmpFileName(zelPaxosLFDClientPath);
-  std::vector<char> data = encodeStateFile(pfd);
+  std::vector<char> data = encodeStateFile(pfd, clusterId, zelNodeId);
   // Temporary file, sync, rename, directory sync; a failed step removes the
   // temporary file and leaves the target as it was.
   int rc = PlatAtomicReplace(zelPaxosLFDClientPath, data.data(), data.size(), 0644);
