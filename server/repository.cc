@@ -142,9 +142,12 @@ int Repository::propose(UpdateId* uid, bool fresh, const Announce& announce, con
     staging_[key] = staging;
   }
   UpdateId id = *uid;
-  PrepareFn pf = [&](const CommittedState& s, ProposedUpdate* u) { return prepare(s, id, u); };
+  // By value: an update answered 819 stays queued in the engine.
+  PrepareFn pf = [prepare, id](const CommittedState& s, ProposedUpdate* u) {
+    return prepare(s, id, u);
+  };
   int rc = replica_->submit(pf, seq, state);
-  if (!staging.empty()) {
+  if (!staging.empty() && rc != E_TRY_OTHERS) {
     std::lock_guard<std::mutex> sg(stagingMu_);
     staging_.erase(key);
   }

@@ -84,7 +84,12 @@ bool Service::fget(Req& r) {
   int rc = g_.repo().snapshot(&seq, &s);
   if (rc != 0) return sendFailed(r.c, rc);
   if (r.p == r.end && r.type == MSG_TYPE_FGET) {
-    FileIdMap m = g_.files().idMap();
+    // Names of the files the state holds; deleted names stay out of the listing.
+    FileIdMap all = g_.files().idMap(), m;
+    for (const auto& [id, fv] : s.fileList) {
+      auto it = all.find(id);
+      if (it != all.end()) m[id] = it->second;
+    }
     std::string tail(static_cast<size_t>(m.getSize()), '\0');
     m.dump(&tail[0]);
     return sendState(r.c, REPLY_TYPE_SEQ_COMMIT_FLIST, seq, s, tail);

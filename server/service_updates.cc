@@ -1,6 +1,7 @@
 // Updates: vput, vdel, fdel, config through one path, and fput, which receives
 // its file into a staging file before anything is decided.
 #include <fcntl.h>
+#include <stdio.h>
 
 #include <climits>
 #include <vector>
@@ -90,9 +91,11 @@ bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
     announced = true;
     sent = r.c.send(REPLY_TYPE_UID, b.data(), static_cast<int>(b.size())) == 0;
   };
-  UpdateAsk a = ask;
-  auto prepare = [&a, prep](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+  // Copied in: the engine may still run it after an 819 answer.
+  auto prepare = [ask, prep](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+    UpdateAsk a = ask;
     a.uid = uid;
+    pu->uid = uid;  // set even on refusal: an id the state includes is answered 0
     return prep(st, a, pu);
   };
   UpdateId uid = ask.uid;
@@ -107,7 +110,7 @@ bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
   }
   if (rc != 0) return refuse(r.c, rc);
   if (g_.loseReply()) {
-    trace(1, "test switch: losing the reply to %s", uid.toString().c_str());
+    fprintf(stderr, "zeld: test switch: losing the reply to %s\n", uid.toString().c_str());
     return false;
   }
   return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
@@ -210,14 +213,16 @@ bool Service::fput(Req& r) {
     announced = true;
     sent = r.c.send(REPLY_TYPE_UID_FPUT, nb.data(), static_cast<int>(nb.size())) == 0;
   };
-  UpdateAsk a = ask;
-  auto prepare = [&a](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+  auto prepare = [ask](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+    UpdateAsk a = ask;
     a.uid = uid;
+    pu->uid = uid;
     return PrepareFilePut(st, a, pu);
   };
   UpdateId uid = ask.uid;
   rc = g_.repo().propose(&uid, fresh, announce, prepare, staging, &seq, &s);
-  if (rc != 0) PlatUnlink(staging.c_str());
+  // Undecided (819) is not refused: the engine may still decide it and link the file.
+  if (rc != 0 && rc != E_TRY_OTHERS) PlatUnlink(staging.c_str());
   if (!sent) return false;
   if (announced) {
     body = nullptr;
@@ -227,7 +232,7 @@ bool Service::fput(Req& r) {
   }
   if (rc != 0) return refuse(r.c, rc);
   if (g_.loseReply()) {
-    trace(1, "test switch: losing the reply to %s", uid.toString().c_str());
+    fprintf(stderr, "zeld: test switch: losing the reply to %s\n", uid.toString().c_str());
     return false;
   }
   return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);

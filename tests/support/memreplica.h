@@ -22,7 +22,7 @@ class MemReplica : public zeld::Replica {
     ProposedUpdate u;
     int rc = failNext_ != 0 ? failNext_ : prepare(state_, &u);
     failNext_ = 0;
-    if (rc != 0) return rc;
+    if (rc != 0 && state_.includes(u.uid) == 0) return rc;
     if (state_.includes(u.uid) == 0) {
       state_.apply(u);
       if (applied_) applied_(seq_, state_, u);
