@@ -3,7 +3,9 @@
 #include <climits>
 #include <set>
 
+#include "zel/paxosutils.h"
 #include "zel/zelerr.h"
+#include "zel/zelmsg.h"
 
 namespace zeld {
 
@@ -35,6 +37,36 @@ int checkSize(const CommittedState& s, const ProposedUpdate& u) {
 }
 
 }  // namespace
+
+int DecodeUpdate(int type, const char* p, const char* end, UpdateAsk* a, int* fileSize) {
+  p = a->uid.load(p, end);
+  switch (type) {
+    case MSG_TYPE_VPUT:
+      p = LoadString(p, end, &a->name);
+      p = LoadString(p, end, &a->value);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      p = LoadVarUInt(p, end, &a->newVersion, -1);
+      break;
+    case MSG_TYPE_FPUT:
+      p = LoadString(p, end, &a->name);
+      p = LoadVarUInt(p, end, fileSize, -1);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      p = LoadVarUInt(p, end, &a->newVersion, -1);
+      break;
+    case MSG_TYPE_VDEL:
+    case MSG_TYPE_FDEL:
+      p = LoadString(p, end, &a->name);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      break;
+    case MSG_TYPE_CONFIG:
+      p = p == nullptr ? nullptr : a->config.load(p, end);
+      p = LoadVarUInt(p, end, &a->cond, -1);
+      break;
+    default:
+      return E_INVAL;
+  }
+  return p != nullptr && p == end ? 0 : E_INVAL;
+}
 
 bool ValidValueName(const std::string& name) {
   return !name.empty() && name.size() <= static_cast<size_t>(kMaxNameBytes);

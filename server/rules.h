@@ -31,6 +31,11 @@ struct UpdateAsk {
   ConfigUpdate config;   // config
 };
 
+// Decodes the body of an update request of type ("vput", "vdel", "fput",
+// "fdel", "config") into *a (and the announced size of an fput into *fileSize):
+// 0, or 22 when it does not decode exactly to its end.
+int DecodeUpdate(int type, const char* p, const char* end, UpdateAsk* a, int* fileSize);
+
 // Value and file names: non-empty, at most kMaxNameBytes. File names also become
 // a component of a path: no "/", not "." or "..".
 bool ValidValueName(const std::string& name);

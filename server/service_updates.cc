@@ -18,6 +18,8 @@ namespace zeld {
 
 namespace {
 
+using PrepFn = int (*)(const CommittedState&, const UpdateAsk&, ProposedUpdate*);
+
 // Files are stored up to 2 GiB - 1: sizes travel as 32-bit signed numbers.
 constexpr long long kMaxFileBytes = 0x7fffffffLL;
 // Stands in for the id a new file name will get, for the check on arrival.
@@ -29,45 +31,16 @@ std::string uidBody(const UpdateId& uid) {
   return b;
 }
 
-using PrepFn = int (*)(const CommittedState&, const UpdateAsk&, ProposedUpdate*);
-
-// Decodes an update body; the prepare function for it, or null when malformed.
-PrepFn decodeUpdate(int type, const char* p, const char* end, UpdateAsk* a) {
-  p = a->uid.load(p, end);
-  PrepFn fn = nullptr;
-  switch (type) {
-    case MSG_TYPE_VPUT:
-      p = LoadString(p, end, &a->name);
-      p = LoadString(p, end, &a->value);
-      p = LoadVarUInt(p, end, &a->cond, -1);
-      p = LoadVarUInt(p, end, &a->newVersion, -1);
-      fn = PrepareValuePut;
-      break;
-    case MSG_TYPE_VDEL:
-      p = LoadString(p, end, &a->name);
-      p = LoadVarUInt(p, end, &a->cond, -1);
-      fn = PrepareValueDel;
-      break;
-    case MSG_TYPE_FDEL:
-      p = LoadString(p, end, &a->name);
-      p = LoadVarUInt(p, end, &a->cond, -1);
-      fn = PrepareFileDel;
-      break;
-    case MSG_TYPE_CONFIG:
-      p = p == nullptr ? nullptr : a->config.load(p, end);
-      p = LoadVarUInt(p, end, &a->cond, -1);
-      fn = PrepareConfig;
-      break;
-  }
-  return p != nullptr && p == end ? fn : nullptr;
-}
-
 }  // namespace
 
 bool Service::update(Req& r) {
   UpdateAsk ask;
-  PrepFn prep = decodeUpdate(r.type, r.p, r.end, &ask);
-  if (prep == nullptr) return sendFailed(r.c, E_INVAL);
+  int size = 0;
+  if (DecodeUpdate(r.type, r.p, r.end, &ask, &size) != 0) return sendFailed(r.c, E_INVAL);
+  PrepFn prep = r.type == MSG_TYPE_VPUT   ? PrepareValuePut
+                : r.type == MSG_TYPE_VDEL ? PrepareValueDel
+                : r.type == MSG_TYPE_FDEL ? PrepareFileDel
+                                          : PrepareConfig;
   if (r.type == MSG_TYPE_FDEL) ask.fileId = g_.files().lookup(ask.name);
   return decide(r, ask, prep);
 }
@@ -119,12 +92,7 @@ bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
 bool Service::fput(Req& r) {
   UpdateAsk ask;
   int size = -1;
-  const char* p = ask.uid.load(r.p, r.end);
-  p = LoadString(p, r.end, &ask.name);
-  p = LoadVarUInt(p, r.end, &size, -1);
-  p = LoadVarUInt(p, r.end, &ask.cond, -1);
-  p = LoadVarUInt(p, r.end, &ask.newVersion, -1);
-  if (p == nullptr || p != r.end || size < 0 || size > kMaxFileBytes) {
+  if (DecodeUpdate(r.type, r.p, r.end, &ask, &size) != 0 || size < 0 || size > kMaxFileBytes) {
     return sendFailed(r.c, E_INVAL);
   }
   int seq = 0;

@@ -33,7 +33,6 @@ void usage() {
 
 }  // namespace
 
-
 int main(int argc, char** argv) {
   zeld::ServerOptions o;
   o.testInstall = ZEL_TEST_INSTALL != 0;
