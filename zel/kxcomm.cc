@@ -34,18 +34,18 @@ int waitSock(int sock, short events, int timeoutMs) {
   return ready == 0 ? ETIMEDOUT : 0;
 }
 
-int sendRpcHdr(int sock, int type, unsigned int len) {
+int sendRpcHdr(int sock, int type, unsigned int len, int timeoutMs) {
   char hdr[kHdrLen] = {};
   char* p = DumpUInt32(hdr, len);
   unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
   p[0] = static_cast<char>(code >> 8);
   p[1] = static_cast<char>(code);
-  return kxFullSend(sock, hdr, kHdrLen, sendTimeoutMs);
+  return kxFullSend(sock, hdr, kHdrLen, timeoutMs);
 }
 
-int recvRpcHdr(int sock, unsigned int* len, int* code) {
+int recvRpcHdr(int sock, unsigned int* len, int* code, int timeoutMs) {
   char hdr[kHdrLen];
-  int rc = kxFullRecv(sock, hdr, kHdrLen, recvTimeoutMs);
+  int rc = kxFullRecv(sock, hdr, kHdrLen, timeoutMs);
   if (rc != 0) return rc;
   LoadUInt32(hdr, hdr + kHdrLen, len);
   *code = (static_cast<unsigned char>(hdr[4]) << 8) | static_cast<unsigned char>(hdr[5]);
@@ -140,7 +140,8 @@ void ConnImplementation::close() {
 int ConnImplementation::send(int type, const char* body, int length) {
   trace(5, "sending msg %d '%s' len %d (sock %d)", type, msgName(type), length, sock_);
   if (length < 0) length = 0;
-  int rc = sendRpcHdr(sock_, type, static_cast<unsigned int>(length));
+  int timeoutMs = sendMs_ >= 0 ? sendMs_ : sendTimeoutMs;
+  int rc = sendRpcHdr(sock_, type, static_cast<unsigned int>(length), timeoutMs);
   if (rc != 0) {
     broken_ = true;
     trace(4, "sendRpcHdr returned err %d", rc);
@@ -166,7 +167,7 @@ int ConnImplementation::send(int type, const char* body, int length) {
     firstMsg_ = false;
   }
   if (length > 0) {
-    rc = kxFullSend(sock_, body, static_cast<size_t>(length), sendTimeoutMs);
+    rc = kxFullSend(sock_, body, static_cast<size_t>(length), timeoutMs);
     if (rc != 0) {
       broken_ = true;
       trace(4, "fullSend(len %d) returned err %d", length, rc);
@@ -185,7 +186,8 @@ int ConnImplementation::receive(int* type, char** body, int* length) {
   trace(7, "waiting for hdr (len %d)", static_cast<int>(kHdrLen));
   unsigned int dataLen = 0;
   int code = 0;
-  int rc = recvRpcHdr(sock_, &dataLen, &code);
+  int timeoutMs = recvMs_ >= 0 ? recvMs_ : recvTimeoutMs;
+  int rc = recvRpcHdr(sock_, &dataLen, &code, timeoutMs);
   if (rc != 0) {
     broken_ = true;
     trace(4, "recvRpcHdr() returned err %d", rc);
@@ -207,7 +209,7 @@ int ConnImplementation::receive(int* type, char** body, int* length) {
     trace(7, "waiting for data (len %d)", len);
     char* msgDataP = new (std::nothrow) char[len];
     ZASSERT_T(msgDataP != nullptr, "msgDataP");
-    rc = kxFullRecv(sock_, msgDataP, static_cast<size_t>(len), recvTimeoutMs);
+    rc = kxFullRecv(sock_, msgDataP, static_cast<size_t>(len), timeoutMs);
     if (rc != 0) {
       delete[] msgDataP;
       broken_ = true;

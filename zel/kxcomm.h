@@ -52,6 +52,9 @@ class Connection {
   virtual bool isAuthenticated() const = 0;
   // Makes the next message count as the first one again.
   virtual void setFirstMessage() = 0;
+  // Per-wait time-outs of this connection's transfers (a node talking to another
+  // node waits far less than a client); negative keeps the process-wide value.
+  virtual void setTimeouts(int sendMs, int recvMs) = 0;
 };
 
 class ConnImplementation : public Connection {
@@ -72,6 +75,10 @@ class ConnImplementation : public Connection {
   void setBroken() override { broken_ = true; }
   bool isAuthenticated() const override { return authenticated_; }
   void setFirstMessage() override { firstMsg_ = true; }
+  void setTimeouts(int sendMs, int recvMs) override {
+    sendMs_ = sendMs;
+    recvMs_ = recvMs;
+  }
   const SdrSecInfo& secInfo() const { return secInfo_; }
 
  private:
@@ -81,6 +88,8 @@ class ConnImplementation : public Connection {
   bool authenticated_ = false;
   int sock_;
   SdrSecInfo secInfo_;
+  int sendMs_ = -1;
+  int recvMs_ = -1;
 };
 
 // Socket transfers that loop until the whole buffer has moved, waiting up to
