@@ -128,7 +128,7 @@ void BM_VgetProcess(benchmark::State& state) {
   fputs(nodes.c_str(), f);
   fclose(f);
   zelPaxosLFDClientPath = base + "/cached/zel.paxos";
-  storePFDToFile(5, committed);
+  storePFDToFile(5, committed, 0);
 
   const std::string bin = clientPath(), envBase = "ZEL_BASE=" + base;
   std::vector<char*> env;

@@ -10,6 +10,7 @@
 #include "support/wirebodies.h"
 #include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
 #include "zel/zelutils.h"
 
 namespace {
@@ -18,11 +19,7 @@ using CliWireTest = CliFixture;
 
 // Writes a state file with the library's writer, as cluster 77 and node 3.
 void StoreFile(const std::string& path, const PaxosFileData& pfd) {
-  zelClusterId = 77;
-  zelNodeId = 3;
-  ASSERT_EQ(pfd.storeToFile(path), 0);
-  zelClusterId = 0;
-  zelNodeId = -1;
+  ASSERT_EQ(storePaxosFile(path, pfd, 77, 3), 0);
 }
 
 std::string HeaderLine(const std::string& file) {

@@ -5,7 +5,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/zelmsg.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -13,6 +13,7 @@
 #include "support/testutil.h"
 #include "support/wirebodies.h"
 #include "zel/cachedcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosclient.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
@@ -153,7 +154,7 @@ TEST_F(RequestTest, ServerOrderFollowsScores) {
   s.cfgVersion = 6;
   for (int id : {3, 2, 1, 5}) s.config.nodes.push_back(NodeDescriptor{id, -1, 0, id != 3});
   s.fileList[1] = FileVersion(9, UpdateId(1, 1, 1), 7);
-  ASSERT_EQ(storePFDToFile(1, s), 0);
+  ASSERT_EQ(storePFDToFile(1, s, 0), 0);
   zelNodeId = 1;
   bool seen2 = false, seen5 = false;
   for (int i = 0; i < 200 && !(seen2 && seen5); i++) {

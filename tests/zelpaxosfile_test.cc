@@ -33,22 +33,23 @@ class PaxosFileTest : public ::testing::Test {
 };
 
 TEST_F(PaxosFileTest, StoreReplacesAtomically) {
-  zelClusterId = 77;
   zelNodeId = 3;
   CommittedState s = SampleState();
-  ASSERT_EQ(storePFDToFile(5, CommittedState()), 0);
-  ASSERT_EQ(storePFDToFile(6, s), 0);
+  ASSERT_EQ(storePFDToFile(5, CommittedState(), 77), 0);
+  ASSERT_EQ(storePFDToFile(6, s, 77), 0);
   EXPECT_EQ(ListDir(dir_.path()), std::vector<std::string>{"zel.paxos"});
   PaxosHeader h;
-  ASSERT_EQ(PaxosFileData().loadFromFile(path(), &h), 0);
+  PaxosFileData pfd;
+  unsigned long long cid = 0;
+  ASSERT_EQ(loadPaxosFile(path(), &pfd, &h, &cid), 0);
   EXPECT_EQ(std::make_tuple(h.fmtVersion, h.cid, h.lastWriterId, size_t{h.len}),
             std::make_tuple(1u, 77ull, 3, ReadFile(path()).size()));
   // A failed store (the temporary name is taken by a directory) keeps the file.
   ASSERT_EQ(mkdir(tmpFileName(path()).c_str(), 0755), 0);
-  EXPECT_EQ(storePFDToFile(7, CommittedState()), EISDIR);
+  EXPECT_EQ(storePFDToFile(7, CommittedState(), 77), EISDIR);
   int seq = -1;
   CommittedState back;
-  ASSERT_EQ(loadPFDFromFile(&seq, &back), 0);
+  ASSERT_EQ(loadPFDFromFile(&seq, &back, &cid), 0);
   EXPECT_TRUE(seq == 6 && back == s) << seq;
 }
 
@@ -63,20 +64,18 @@ TEST_F(PaxosFileTest, ClusterIdCheck) {
       {0, 8, 8, 0},                 // a file without cluster id is accepted
   };
   for (const auto& c : cases) {
-    zelClusterId = c.fileCid;
-    ASSERT_EQ(storePFDToFile(2, SampleState()), 0);
-    zelClusterId = c.knownCid;
+    ASSERT_EQ(storePFDToFile(2, SampleState(), c.fileCid), 0);
+    unsigned long long known = c.knownCid;
     int seq = -1;
     CommittedState back;
-    EXPECT_EQ(loadPFDFromFile(&seq, &back), c.want) << c.fileCid << " " << c.knownCid;
-    EXPECT_EQ(std::make_pair(seq, zelClusterId), std::make_pair(c.want ? -1 : 2, c.knownAfter));
+    EXPECT_EQ(loadPFDFromFile(&seq, &back, &known), c.want) << c.fileCid << " " << c.knownCid;
+    EXPECT_EQ(std::make_pair(seq, known), std::make_pair(c.want ? -1 : 2, c.knownAfter));
   }
 }
 
 // Every truncation (the empty file included) and a flipped magic, crc or body byte.
 TEST_F(PaxosFileTest, DamagedFilesFailWith214) {
-  zelClusterId = 5;
-  ASSERT_EQ(storePFDToFile(4, SampleState()), 0);
+  ASSERT_EQ(storePFDToFile(4, SampleState(), 5), 0);
   const std::string good = ReadFile(path());
   std::vector<std::string> bad;
   for (size_t n = 0; n < good.size(); n++) bad.push_back(good.substr(0, n));
@@ -88,12 +87,14 @@ TEST_F(PaxosFileTest, DamagedFilesFailWith214) {
     WriteFile(path(), b);
     int seq = -1;
     CommittedState back;
-    EXPECT_EQ(loadPFDFromFile(&seq, &back), E_BAD_PAXOS_DATA) << Hex(b);
+    unsigned long long cid = 5;
+    EXPECT_EQ(loadPFDFromFile(&seq, &back, &cid), E_BAD_PAXOS_DATA) << Hex(b);
     EXPECT_EQ(seq, -1);
   }
   PaxosFileData pfd;
-  EXPECT_EQ(pfd.loadFromFile(dir_.file("absent")), ENOENT);
-  EXPECT_EQ(pfd.loadFromFile(dir_.path()), EISDIR);
+  unsigned long long cid = 0;
+  EXPECT_EQ(loadPaxosFile(dir_.file("absent"), &pfd, nullptr, &cid), ENOENT);
+  EXPECT_EQ(loadPaxosFile(dir_.path(), &pfd, nullptr, &cid), EISDIR);
 }
 
 TEST_F(PaxosFileTest, CommittedFilePathForms) {

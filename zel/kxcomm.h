@@ -1,5 +1,6 @@
-// Connections to repository servers: socket transfer with time-outs, message
-// framing, the connection greeting, and one-request-one-reply exchanges.
+// One connection to a repository server: socket transfer with time-outs,
+// message framing, the connection greeting and the generic reply handling.
+// Opening connections by address or node id is zel/kxconnect.h.
 //
 // Bodies handed out by receive are new char[length] arrays owned by the caller
 // (delete[]); with no body they are null and the length 0.
@@ -114,8 +115,6 @@ std::string kxGreetingBytes();
 // seam, no-delay, then the greeting.
 int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, SdrSecInfo* info);
 
-// A cached connection (peeked for staleness) or a new one; timeoutMs < 0 means 10 s.
-int connectTo(const CommAddr& addr, Connection** out, int timeoutMs);
 // A connection for an accepted socket; the peer address comes from the socket.
 int wrapSocket(int sock, const SdrSecInfo& info, Connection** out);
 
@@ -123,21 +122,7 @@ int wrapSocket(int sock, const SdrSecInfo& info, Connection** out);
 void SetSimulateNetworkDisconnectAddrs(bool on, const CommAddr& ownAddr,
                                        const CommAddr& localHostAddr);
 bool GetSimulateNetworkDisconnect();
-// The same with this node's address (zelAddr) and "localhost", both at zelPort.
-void setSimulateNetworkDisconnect(bool on);
-
-// Connects, sends one request and receives its reply with ReceiveErrCheck; the
-// connection then goes to the outgoing cache or is destroyed. The reply body
-// belongs to the caller.
-int SendReceive(const CommAddr& addr, int type, const char* body, int length, int* replyType,
-                char** replyBody, int* replyLength, int timeoutMs);
-int SendReceive(const std::string& host, int port, int type, const char* body, int length,
-                int* replyType, char** replyBody, int* replyLength, int timeoutMs);
-
-// By node id through the local node map: 22 for an id not in it, the address
-// conversion's error for a host that does not resolve.
-int connectTo(int nodeId, Connection** out, int timeoutMs);
-int SendReceive(int nodeId, int type, const char* body, int length, int* replyType,
-                char** replyBody, int* replyLength, int timeoutMs);
+// Whether the simulated cut keeps addr out of reach.
+bool SimulatedUnreachable(const IpAddr& addr);
 
 #endif  // ZEL_KXCOMM_H

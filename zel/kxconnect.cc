@@ -1,149 +1,26 @@
-// Opening connections: non-blocking connect, the greeting and its answer,
-// wrapping accepted sockets, the simulated network cut, and SendReceive.
-#include <errno.h>
-#include <poll.h>
+// Reaching servers: connections by address through the outgoing cache, by node
+// id through the local node map, and SendReceive.
+#include "zel/kxconnect.h"
+
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cinttypes>
-#include <cstring>
-#include <memory>
-#include <new>
 
-#include "platform/pclock.h"
 #include "platform/psock.h"
 #include "zel/cachedcomm.h"
-#include "zel/kxcomm.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
+#include "zel/zelutils.h"
 
 namespace {
-
-bool simulateDisconnect = false;
-CommAddr simOwnAddr;
-CommAddr simLocalHostAddr;
-
-constexpr size_t kAnswerLen = 20;
-constexpr int kGreetingFixed1 = 1414;
-constexpr int kGreetingFixed2 = 1203;
 
 unsigned long long connId(const Connection* c) {
   return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(c));
 }
 
-bool simReachable(const IpAddr& a) {
-  return a == simOwnAddr.addr || a == simLocalHostAddr.addr;
-}
-
 }  // namespace
-
-std::string kxGreetingBytes() {
-  const KxSecurity& sec = GetKxSecurity();
-  size_t s = sec.ready ? ((sec.clusterName.size() + 16) & ~static_cast<size_t>(3)) : 0;
-  std::string g(64 + s, '\0');
-  char* p = &g[0];
-  p = DumpUInt32(p, kGreetingMagic);
-  p = DumpUInt32(p, 0xFFFFFFFF);
-  p = DumpUInt32(p, 0xFFFFFFFF);
-  p = DumpUInt32(p, kGreetingFixed1);
-  p = DumpUInt32(p, kGreetingFixed2);
-  p = DumpUInt32(p, 12);
-  p = DumpUInt32(p, 0);
-  p = DumpUInt32(p, 7);
-  p = DumpUInt32(p, sec.ready ? static_cast<unsigned int>(s) : 24);
-  p = DumpUInt32(p, 1);
-  if (sec.ready) {
-    char* rec = p;
-    p = DumpUInt32(p, 6);
-    p = DumpUInt32(p, 24);
-    p = DumpUInt32(p, static_cast<unsigned int>(sec.keyGenNumber));
-    sec.clusterName.copy(p, sec.clusterName.size());  // the zero and padding are already there
-    p = rec + s;
-  }
-  p = DumpUInt32(p, 9);
-  p = DumpUInt32(p, 0);
-  p = DumpUInt32(p, kZelProtocolVersion);
-  p = DumpUInt64(p, zelClusterId);
-  p = DumpUInt32(p, 0);
-  ZASSERT(p == g.data() + g.size());
-  return g;
-}
-
-int kxSendGreeting(int sock, int timeoutMs, SdrSecInfo* info) {
-  const KxSecurity& sec = GetKxSecurity();
-  info->keyGenNumber = sec.ready ? sec.keyGenNumber : -1;
-  std::string g = kxGreetingBytes();
-  return kxFullSend(sock, g.data(), g.size(), timeoutMs);
-}
-
-int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info) {
-  char ans[kAnswerLen];
-  int rc = kxFullRecv(sock, ans, kAnswerLen, timeoutMs);
-  if (rc != 0) return rc;
-  unsigned int magic = 0, status = 0, len = 0;
-  LoadUInt32(ans, ans + kAnswerLen, &magic);
-  LoadUInt32(ans + 4, ans + kAnswerLen, &status);
-  LoadUInt32(ans + 12, ans + kAnswerLen, &len);
-  if (magic != kGreetingMagic) return E_CANT_CONNECT;
-  if (status != 0) return E_CONN_REJECTED;
-
-  SdrSecInfo learnt;
-  learnt.keyGenNumber = info->keyGenNumber;
-  while (len != 0) {
-    // A record shorter than its own type and next length cannot continue the chain.
-    if (len > kMaxGreetingRecord || len < 8) return E_BAD_ATTACH_LEN;
-    std::unique_ptr<char[]> rec(new (std::nothrow) char[len]);
-    if (!rec) return E_OUT_OF_MEMORY;
-    rc = kxFullRecv(sock, rec.get(), len, timeoutMs);
-    if (rc != 0) return rc;
-    const char* r = rec.get();
-    const char* end = r + len;
-    unsigned int type = 0, next = 0, v = 0;
-    LoadUInt32(r, end, &type);
-    LoadUInt32(r + 4, end, &next);
-    if (type == 6 && LoadUInt32(r + 8, end, &v) != nullptr) {
-      learnt.peerKeyGenNumber = static_cast<int>(v);
-      if (len > 12) {
-        const char* name = r + 12;
-        const char* nul = static_cast<const char*>(memchr(name, 0, end - name));
-        learnt.peerClusterName.assign(name, nul ? nul : end);
-        learnt.hasPeerClusterName = true;
-      }
-    } else if (type == 9 && len >= 20) {
-      LoadUInt32(r + 8, end, &v);
-      learnt.peerVersion = static_cast<int>(v);
-      LoadUInt64(r + 12, end, &learnt.peerClusterId);
-    }
-    len = next;
-  }
-  *info = learnt;
-  return 0;
-}
-
-int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, SdrSecInfo* info) {
-  int rc = PlatSetNonBlocking(sock, true);
-  if (rc != 0) return rc;
-  struct sockaddr_storage ss;
-  socklen_t slen = addr.addr.toSockaddr(addr.port, &ss);
-  long long deadline = PlatNowMs() + timeoutMs;
-  for (;;) {
-    rc = PlatConnect(sock, reinterpret_cast<struct sockaddr*>(&ss), slen);
-    if (rc == 0 || rc == EISCONN) break;
-    if (rc != EINPROGRESS && rc != EALREADY && rc != EAGAIN) return ECONNREFUSED;
-    long long left = deadline - PlatNowMs();
-    if (left <= 0) return ETIMEDOUT;
-    struct pollfd pfd = {sock, POLLOUT, 0};
-    int ready = 0;
-    rc = PlatPoll(&pfd, 1, static_cast<int>(left), &ready);
-    if (rc != 0) return rc;
-    if (ready == 0) return ETIMEDOUT;
-  }
-  rc = PlatSetNoDelay(sock);
-  if (rc != 0) return rc;
-  rc = kxSendGreeting(sock, timeoutMs, info);
-  if (rc != 0) return rc;
-  return kxReadGreetingAnswer(sock, timeoutMs, info);
-}
 
 int connectTo(const CommAddr& addr, Connection** out, int timeoutMs) {
   std::string addrText = addr.toString();
@@ -162,7 +39,7 @@ int connectTo(const CommAddr& addr, Connection** out, int timeoutMs) {
     }
     delete cached;  // unexpected data waiting: stale
   }
-  if (simulateDisconnect && !simReachable(addr.addr)) {
+  if (SimulatedUnreachable(addr.addr)) {
     trace(1, "connectTo simulateNetworkDisconnect addr %s", addrText.c_str());
     return E_IO;
   }
@@ -184,41 +61,6 @@ int connectTo(const CommAddr& addr, Connection** out, int timeoutMs) {
   trace(5, "connected to node %s (sock %d-0x%llx)", addrText.c_str(), sock, connId(c));
   *out = c;
   return 0;
-}
-
-int wrapSocket(int sock, const SdrSecInfo& info, Connection** out) {
-  *out = nullptr;
-  struct sockaddr_storage ss;
-  socklen_t slen;
-  int rc = PlatGetPeerName(sock, &ss, &slen);
-  if (rc != 0) {
-    ::close(sock);
-    return rc;
-  }
-  CommAddr peer;
-  IpAddr::fromSockaddr(reinterpret_cast<struct sockaddr*>(&ss), &peer.addr, &peer.port);
-  if (simulateDisconnect && !simReachable(peer.addr)) {
-    trace(1, "wrapSocket simulateNetworkDisconnect peerAddr %s myCommAddr %s localHostAddr %s",
-          peer.toString().c_str(), simOwnAddr.toString().c_str(),
-          simLocalHostAddr.toString().c_str());
-    ::close(sock);
-    return E_IO;
-  }
-  Connection* c = new ConnImplementation(sock, info, peer);
-  trace(5, "wrapping socket %d from node %s-0x%llx", sock, peer.toString().c_str(), connId(c));
-  *out = c;
-  return 0;
-}
-
-void SetSimulateNetworkDisconnectAddrs(bool on, const CommAddr& ownAddr,
-                                       const CommAddr& localHostAddr) {
-  simOwnAddr = ownAddr;
-  simLocalHostAddr = localHostAddr;
-  simulateDisconnect = on;
-}
-
-bool GetSimulateNetworkDisconnect() {
-  return simulateDisconnect;
 }
 
 int SendReceive(const CommAddr& addr, int type, const char* body, int length, int* replyType,
@@ -254,4 +96,43 @@ int SendReceive(const std::string& host, int port, int type, const char* body, i
     return rc;
   }
   return SendReceive(addr, type, body, length, replyType, replyBody, replyLength, timeoutMs);
+}
+
+int connectTo(int nodeId, Connection** out, int timeoutMs) {
+  *out = nullptr;
+  const NodeLocMap& nodeMap = GetNodeMap();
+  auto it = nodeMap.find(nodeId);
+  if (it == nodeMap.end()) {
+    trace(1, "connectTo: unknown targetId %d", nodeId);
+    return E_INVAL;
+  }
+  CommAddr addr;
+  int rc = convertCommAddr(it->second.addr, it->second.port, &addr);
+  if (rc != 0) {
+    trace(1, "connectTo: unknown host '%s'", it->second.addr.c_str());
+    return rc;
+  }
+  return connectTo(addr, out, timeoutMs);
+}
+
+int SendReceive(int nodeId, int type, const char* body, int length, int* replyType,
+                char** replyBody, int* replyLength, int timeoutMs) {
+  *replyBody = nullptr;
+  *replyLength = 0;
+  const NodeLocMap& nodeMap = GetNodeMap();
+  auto it = nodeMap.find(nodeId);
+  if (it == nodeMap.end()) {
+    trace(1, "SendReceive: unknown targetId %d", nodeId);
+    return E_INVAL;
+  }
+  return SendReceive(it->second.addr, it->second.port, type, body, length, replyType, replyBody,
+                     replyLength, timeoutMs);
+}
+
+void setSimulateNetworkDisconnect(bool on) {
+  // An address that does not resolve stays all zeros and so matches nothing real.
+  CommAddr own, localHost;
+  convertCommAddr(zelAddr, zelPort, &own);
+  convertCommAddr("localhost", zelPort, &localHost);
+  SetSimulateNetworkDisconnectAddrs(on, own, localHost);
 }

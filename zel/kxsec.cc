@@ -7,8 +7,10 @@
 #include <new>
 
 #include "platform/pfile.h"
+#include "zel/kxcomm.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
+#include "zel/zelutils.h"
 
 bool zelSecReady = false;
 const char* zelCipherListP = nullptr;
@@ -126,6 +128,13 @@ int InitSecurityAt(const SecPaths& paths) {
   return rc;
 }
 
+// The product keeps its keys in /var/kolt/ssl, the test installation keeps key
+// and certificate together in zel.pem under the repository directory; the
+// authorized-keys file sits beside the key in both.
+int InitSecurity() {
+  return InitSecurityAt(SecPathsForKey(zelKeyFilePath, zelCertFilePath));
+}
+
 int RefreshSecurity() {
   if (secImpP == nullptr) secImpP = new (std::nothrow) SecTransport;
   ZASSERT_T(secImpP != nullptr, "secImpP");
@@ -228,4 +237,14 @@ bool isFIPS1402() {
 
 int getNistVar() {
   return EncryptionNistComplianceZEL;
+}
+
+// The greeting's record 6 and the authentication of a connection's first message.
+void InstallKxSecurity() {
+  KxSecurity s;
+  s.ready = zelSecReady;
+  s.keyGenNumber = zelGetKeyGenNumber();
+  s.clusterName = zelGetClusterName();
+  s.authenticateOutgoing = AuthenticateOutgoing;
+  SetKxSecurity(s);
 }

@@ -35,7 +35,7 @@ SecPaths SecPathsForKey(const std::string& keyPath, const std::string& certPath)
 // Creates the transport and reads the authorized-keys file; without the file
 // authentication is off and 0 is returned. The paths are kept for refreshes.
 int InitSecurityAt(const SecPaths& paths);
-// InitSecurityAt with the installation's key paths (kxsec_init.cc).
+// InitSecurityAt with the installation's key paths.
 int InitSecurity();
 // Reloads the library and keys and re-reads the file.
 int RefreshSecurity();
@@ -80,7 +80,7 @@ bool isAuthorizedKey(const std::string& keyId, int gen);
 bool isFIPS1402();
 int getNistVar();
 
-// Hands the security state to the connection layer (kxsec_hooks.cc).
+// Hands the security state to the connection layer.
 void InstallKxSecurity();
 
 #endif  // ZEL_KXSEC_H

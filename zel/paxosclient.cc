@@ -9,6 +9,7 @@
 
 #include "platform/pclock.h"
 #include "zel/cachedcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosclient_int.h"
 #include "zel/paxosutils.h"
@@ -160,7 +161,7 @@ int PaxosInit() {
   for (const Node& n : GetNodeList()) serverIds.push_back(n.id);
   int seq = 0;
   CommittedState committed;
-  int rc = loadPFDFromFile(&seq, &committed);
+  int rc = loadPFDFromFile(&seq, &committed, &zelClusterId);
   if (rc == 0) {
     ServerCompare cmp;
     for (const NodeDescriptor& nd : committed.config.nodes) {
@@ -180,6 +181,15 @@ int PaxosInit() {
   }
   trace(4, "PaxosInit serverIds: %s", idsToString(serverIds).c_str());
   return rc;
+}
+
+void ClientRetry::reset() {
+  active = true;
+  stopAfterRound = false;
+  firstError = 0;
+  attempt = 0;
+  server = -1;
+  connected = false;
 }
 
 bool ClientRetry::nextTry(int err) {
@@ -258,7 +268,7 @@ int PaxosDiscover() {
       retry->active = false;
       seq = r.seq;
       committed = r.committed;
-      return storePFDToFile(r.seq, r.committed);
+      return storePFDToFile(r.seq, r.committed, zelClusterId);
     }
     if (++restarts > kMaxDiscoverRestarts) return static_cast<int>(E_NO_SERVER);
     PaxosInit();
@@ -280,7 +290,7 @@ void updateClientCache(int seq, const CommittedState& committed, unsigned long l
   } else {
     return;
   }
-  if (storePFDToFile(seq, committed) != 0 || v <= nlVersion) return;
+  if (storePFDToFile(seq, committed, zelClusterId) != 0 || v <= nlVersion) return;
 
   const FileVersion fv = it->second;
   std::string path = nodesFilePath(fv);

@@ -577,12 +577,7 @@ class PaxosFileData {
   int getSize(int fmtVersion) const;
   char* dump(char* p, int fmtVersion) const;
   const char* load(const char* p, const char* end, int fmtVersion);
-  // Reads a whole state file; hdr (optional) gets its decoded header. 0, the
-  // open or read error, 12, or 214 for data that does not decode, does not
-  // validate or names another cluster than zelClusterId (which a first read sets).
-  int loadFromFile(const std::string& path, PaxosHeader* hdr = nullptr);
-  // Writes header and body (format 1) in place with one write, then syncs.
-  int storeToFile(const std::string& path) const;
+  // Reading and writing the state file: zel/zelpaxosfile.h.
   std::string toString() const;
   std::string toShortString() const;
   bool operator==(const PaxosFileData& o) const {

@@ -1,4 +1,4 @@
-// Decoding of repository replies and the retry state they act on.
+// Decoding of repository replies.
 #include <utility>
 
 #include "zel/paxosclient.h"
@@ -74,15 +74,6 @@ bool isRepositoryReply(int type) {
 }
 
 }  // namespace
-
-void ClientRetry::reset() {
-  active = true;
-  stopAfterRound = false;
-  firstError = 0;
-  attempt = 0;
-  server = -1;
-  connected = false;
-}
 
 void clientCacheUpdate(int seq, const CommittedState& committed, unsigned long long clusterId) {
   cacheFn(seq, committed, clusterId);

@@ -2,7 +2,7 @@
 // configuration.
 #include <stdio.h>
 
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/zelcmd.h"
 #include "zel/zelmsg.h"
 

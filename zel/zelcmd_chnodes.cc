@@ -8,7 +8,7 @@
 #include <map>
 #include <set>
 
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosutils.h"
 #include "zel/zeladmin.h"

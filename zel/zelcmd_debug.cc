@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
 #include "zel/zelmsg.h"

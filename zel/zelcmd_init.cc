@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/pfile.h"
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/kxsec.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosutils.h"

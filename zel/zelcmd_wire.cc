@@ -5,12 +5,14 @@
 #include <sstream>
 
 #include "platform/pfile.h"
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
 #include "zel/zelerr.h"
+#include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
 
 namespace {
 
@@ -33,7 +35,7 @@ int ReadPaxosCommand(const ZelSettings&, const ZelArgs& args) {
   long long size = PlatStat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
   PaxosFileData pfd;
   PaxosHeader hdr;
-  int rc = pfd.loadFromFile(path, &hdr);
+  int rc = loadPaxosFile(path, &pfd, &hdr, &zelClusterId);
   if (rc != 0) {
     fprintf(stderr, "loadFromFile failed with err %d\n", rc);
     return rc;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <cstdio>
+#include <memory>
 #include <new>
 
 #include "platform/pfile.h"
@@ -18,7 +19,8 @@ constexpr int kStoreFmtVersion = 1;
 
 }  // namespace
 
-int PaxosFileData::loadFromFile(const std::string& path, PaxosHeader* hdr) {
+int loadPaxosFile(const std::string& path, PaxosFileData* pfd, PaxosHeader* hdr,
+                  unsigned long long* clusterId) {
   int fd = -1;
   int rc = PlatOpen(path.c_str(), O_RDONLY, 0, &fd);
   if (rc != 0) {
@@ -29,60 +31,62 @@ int PaxosFileData::loadFromFile(const std::string& path, PaxosHeader* hdr) {
   rc = PlatFstat(fd, &st);
   ZASSERT_T(rc == 0, "rc == 0");
   size_t size = static_cast<size_t>(st.st_size);
-  char* buf = new (std::nothrow) char[size > 0 ? size : 1];
-  if (buf == nullptr) {
+  std::unique_ptr<char[]> buf(new (std::nothrow) char[size > 0 ? size : 1]);
+  if (!buf) {
     PlatClose(fd);
     return E_NOMEM;
   }
   size_t got = 0;
-  rc = PlatRead(fd, buf, size, &got);
+  rc = PlatRead(fd, buf.get(), size, &got);
   PlatClose(fd);
   if (got < size) {
     trace(1, "PaxosFileData::loadFromFile() failed: read %d (expected %d)", static_cast<int>(got),
           static_cast<int>(size));
-    delete[] buf;
     return rc != 0 ? rc : E_IO;
   }
 
-  const char* end = buf + size;
+  const char* start = buf.get();
+  const char* end = start + size;
   PaxosHeader h;
-  const char* body = h.load(buf, end);
-  const char* e = load(body, end, static_cast<int>(h.fmtVersion));
+  const char* body = h.load(start, end);
+  const char* e = pfd->load(body, end, static_cast<int>(h.fmtVersion));
   int status = 0;
-  if (e == nullptr || h.validate(buf, end) != 0) status = E_BAD_PAXOS_DATA;
-  if (zelClusterId != 0 && h.cid != 0 && h.cid != zelClusterId) {
+  if (e == nullptr || h.validate(start, end) != 0) status = E_BAD_PAXOS_DATA;
+  if (*clusterId != 0 && h.cid != 0 && h.cid != *clusterId) {
     trace(1, "PaxosFileData::loadFromFile(): cluster id %llu of '%s' is not %llu", h.cid,
-          path.c_str(), zelClusterId);
+          path.c_str(), *clusterId);
     status = E_BAD_PAXOS_DATA;
   }
-  if (zelClusterId == 0) zelClusterId = h.cid;
+  if (*clusterId == 0) *clusterId = h.cid;
   trace(6, "Bytes processed (file: '%s'): %d", path.c_str(),
-        e == nullptr ? 0 : static_cast<int>(e - buf));
-  delete[] buf;
+        e == nullptr ? 0 : static_cast<int>(e - start));
   if (hdr != nullptr) *hdr = h;
   return status;
 }
 
-int PaxosFileData::storeToFile(const std::string& path) const {
+int storePaxosFile(const std::string& path, const PaxosFileData& pfd, unsigned long long clusterId,
+                   int writerId) {
+  PaxosHeader h;
+  h.magic = kPaxosMagic;
+  h.fmtVersion = kStoreFmtVersion;
+  h.cid = clusterId;
+  h.lastWriterId = writerId;
+  int size = h.getSize() + pfd.getSize(kStoreFmtVersion);
+  h.len = static_cast<unsigned int>(size);
+  std::unique_ptr<char[]> data(new (std::nothrow) char[size]);
+  if (!data) return E_NOMEM;
+  char* dataP = data.get();
+  char* bufP = h.dump(dataP);
+  bufP = pfd.dump(bufP, kStoreFmtVersion);
+  ZASSERT_T(bufP == dataP + size, "bufP == dataP + size");
+  h.setCRC(dataP, size);
+
   int fd = -1;
   int rc = PlatOpen(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644, &fd);
   if (rc != 0) {
     trace(1, "PaxosLocalFile::storeToFile: open %s failed (%d)", path.c_str(), rc);
     return rc;
   }
-  PaxosHeader h;
-  h.magic = kPaxosMagic;
-  h.fmtVersion = kStoreFmtVersion;
-  h.cid = zelClusterId;
-  h.lastWriterId = zelNodeId;
-  int size = h.getSize() + getSize(kStoreFmtVersion);
-  h.len = static_cast<unsigned int>(size);
-  char* dataP = new char[size];
-  char* bufP = h.dump(dataP);
-  bufP = dump(bufP, kStoreFmtVersion);
-  ZASSERT_T(bufP == dataP + size, "bufP == dataP + size");
-  h.setCRC(dataP, size);
-
   size_t put = 0;
   rc = PlatWrite(fd, dataP, static_cast<size_t>(size), &put);
   int err;
@@ -98,13 +102,12 @@ int PaxosFileData::storeToFile(const std::string& path) const {
           static_cast<int>(put), size, err);
   }
   PlatClose(fd);
-  delete[] dataP;
   return err;
 }
 
-int loadPFDFromFile(int* seq, CommittedState* committed) {
+int loadPFDFromFile(int* seq, CommittedState* committed, unsigned long long* clusterId) {
   PaxosFileData pfd;
-  int rc = pfd.loadFromFile(zelPaxosLFDClientPath);
+  int rc = loadPaxosFile(zelPaxosLFDClientPath, &pfd, nullptr, clusterId);
   if (rc != 0) {
     trace(1, "Loading paxos file data from '%s' failed (%d)", zelPaxosLFDClientPath.c_str(), rc);
     return rc;
@@ -115,12 +118,12 @@ int loadPFDFromFile(int* seq, CommittedState* committed) {
   return 0;
 }
 
-int storePFDToFile(int seq, const CommittedState& committed) {
+int storePFDToFile(int seq, const CommittedState& committed, unsigned long long clusterId) {
   PaxosFileData pfd;
   pfd.summary.committed = committed;
   pfd.summary.seq = seq;
   std::string tmp = tmpFileName(zelPaxosLFDClientPath);
-  int rc = pfd.storeToFile(tmp);
+  int rc = storePaxosFile(tmp, pfd, clusterId, zelNodeId);
   if (rc != 0) {
     // The temporary file stays for inspection; the target is untouched.
     trace(1, "Storing paxos file data to '%s' failed (%d)", tmp.c_str(), rc);

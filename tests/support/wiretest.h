@@ -11,7 +11,7 @@
 #include "platform/psock.h"
 #include "support/fakeserver.h"
 #include "zel/cachedcomm.h"
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/zelfiles.h"
 
 class WireTest : public ::testing::Test {
