@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "platform/pfile.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosutils.h"
 #include "zel/pxwire.h"
 #include "zel/zelerr.h"
