@@ -12,10 +12,9 @@
 #include "zel/kxcomm.h"
 #include "zel/paxosclient.h"
 
-// Decoded states stay in memory: nothing is stored or fetched.
+// Decoding stores and fetches nothing: states are only queued on the retry state.
 static bool Init() {
   KxSetTransferTimeouts(200, 200);
-  SetClientCacheFnForTest([](int, const CommittedState&, unsigned long long) {});
   FILE* devnull = fopen("/dev/null", "w");
   KxSetForwardStreams(devnull, devnull);
   return true;
@@ -39,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SdrSecInfo info;
   int rc = 0;
   if (!skipGreeting) {
-    rc = kxSendGreeting(fds[0], 200, &info);
+    rc = kxSendGreeting(fds[0], 200, 0, &info);
     if (rc == 0) rc = kxReadGreetingAnswer(fds[0], 200, &info);
   }
   if (rc == 0) {
@@ -47,11 +46,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ClientRetry retry("fuzz");
     for (int i = 0; i < 64 && !conn.isBroken(); i++) {
       ZelReplyResult r;
-      int type = 0, len = 0;
-      char* body = nullptr;
+      int type = 0;
+      MsgBody body;
       if (decodeReplies) ReceiveZELReply(&conn, &retry, &r);
-      if (!decodeReplies) ReceiveErrCheck(&conn, &type, &body, &len);
-      delete[] body;
+      if (!decodeReplies) ReceiveErrCheck(&conn, &type, &body);
     }
   } else {
     close(fds[0]);

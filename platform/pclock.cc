@@ -14,14 +14,25 @@ void RealSleepUs(long long usec) {
   }
 }
 
+long long RealNowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 PlatSleepFn sleepFn = RealSleepUs;
+PlatNowFn nowFn = RealNowMs;
 
 }  // namespace
 
 long long PlatNowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  return nowFn();
+}
+
+PlatNowFn PlatSetNowFn(PlatNowFn fn) {
+  PlatNowFn old = nowFn;
+  nowFn = fn ? fn : RealNowMs;
+  return old;
 }
 
 time_t PlatTimeSec() {

@@ -1,14 +1,18 @@
-// Time and sleeping. Every pause of the program goes through PlatSleepUs so that
-// tests can replace it (the sleep seam) and observe the pauses without waiting.
+// Time and sleeping. Every pause of the program goes through PlatSleepUs and
+// every deadline reads PlatNowMs, so that tests can replace them (the sleep and
+// clock seams) and observe pauses and time-outs without waiting.
 #ifndef PLATFORM_PCLOCK_H
 #define PLATFORM_PCLOCK_H
 
 #include <ctime>
 
 using PlatSleepFn = void (*)(long long usec);
+using PlatNowFn = long long (*)();
 
-// Monotonic milliseconds, for time-outs.
+// Monotonic milliseconds, for time-outs and deadlines.
 long long PlatNowMs();
+// Installs a replacement clock (nullptr restores the real one); returns the old one.
+PlatNowFn PlatSetNowFn(PlatNowFn fn);
 // Wall-clock seconds since the epoch.
 time_t PlatTimeSec();
 void PlatSleepUs(long long usec);

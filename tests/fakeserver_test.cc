@@ -31,10 +31,9 @@ void WrongRequest() {
   Connection* c = nullptr;
   ASSERT_EQ(connectTo(srv.addr(), &c, 2000), 0);
   c->send(MSG_TYPE_VGET, "wrong", 5);
-  int type = 0, len = 0;
-  char* body = nullptr;
-  EXPECT_EQ(c->receive(&type, &body, &len), 144);  // closed instead of answered
-  delete[] body;
+  int type = 0;
+  MsgBody body;
+  EXPECT_EQ(c->receive(&type, &body), 144);  // closed instead of answered
   delete c;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <tuple>
 
+#include "platform/pclock.h"
 #include "platform/psock.h"
 #include "support/wiretest.h"
 #include "zel/kxcomm_addr.h"
@@ -20,26 +21,6 @@
 namespace {
 
 using KxCommTest = WireTest;
-
-TEST(ZelMsgTest, NamesAuthFlagsAndErrorTexts) {
-  struct {
-    int type;
-    const char* name;
-    bool auth;
-  } rows[] = {{-3, "refresh", false},  {-1, "failed", false},
-              {3, "dump", true},       {5, "vget", false},
-              {17, "fcrc", true},      {19, "auth", false},
-              {32, "fget_priv", true}, {64, "reply_pxrdwr_fxfer", false},
-              {65, "unknown", false}};
-  for (const auto& r : rows) {
-    EXPECT_EQ(std::make_tuple(std::string(msgName(r.type)), msgAuthRequired(r.type)),
-              std::make_tuple(std::string(r.name), r.auth));
-  }
-  EXPECT_STREQ(errcodeToString(143), "Unable to connect to the server");
-  EXPECT_STREQ(errcodeToString(157), "Unable to contact current leader");
-  EXPECT_STREQ(errcodeToString(158), "Invalid error number");
-  EXPECT_STREQ(errcodeToString(EIO), strerror(EIO));
-}
 
 TEST_F(KxCommTest, FramingBothWays) {
   FakeServer srv;
@@ -270,6 +251,28 @@ TEST_F(KxCommTest, ConnectThroughSeamInProgressAndTimeOut) {
   EXPECT_EQ(t.c, nullptr);
 }
 
+// Each reading of this clock is 600 ms after the one before.
+long long fakeNowMs = 0;
+long long SteppingClock() {
+  return fakeNowMs += 600;
+}
+
+// A reply trickled a byte at a time: every byte comes well within the receive
+// time-out of 1 s, the whole message cannot (by the clock seam, the deadline
+// passes at the second wait).
+TEST_F(KxCommTest, ReceiveDeadlineCoversTheWholeMessage) {
+  FakeServer srv;
+  const std::string reply = FakeServer::header8(MSG_TYPE_OK, 64) + std::string(64, 'x');
+  srv.expect(MSG_TYPE_VGET).trickle(reply, 10);
+  Conn k;
+  OpenAndSend(srv, &k, MSG_TYPE_VGET, "x");
+  KxSetTransferTimeouts(-1, 1000);
+  PlatSetNowFn(SteppingClock);
+  Got g = Receive(k.c);
+  PlatSetNowFn(nullptr);
+  EXPECT_EQ(std::make_tuple(g.rc, g.len, k.c->isBroken()), std::make_tuple(ETIMEDOUT, 0, true));
+}
+
 // Node 1 is a fake server on 127.0.0.1, node 3 one on ::1, node 2 does not resolve.
 class NodeAddrTest : public WireTest {
  protected:
@@ -281,18 +284,13 @@ class NodeAddrTest : public WireTest {
   }
   void SetUp() override {
     WireTest::SetUp();
-    ResetZELIOForTest();
     Nodes nodes = {Node(1, "four", NodeLocation("127.0.0.1", v4_.port())),
                    Node(3, "six", NodeLocation("::1", v6_.port()))};
     ASSERT_EQ(SetNodeList(nodes, false), 0);
     // A list file may name a host that stopped resolving since it was read.
     GetNodeMap()[2] = NodeLocation("nohost.invalid", 1191);
   }
-  void TearDown() override {
-    setSimulateNetworkDisconnect(false);
-    ResetZELIOForTest();
-    WireTest::TearDown();
-  }
+  void TearDown() override { WireTest::TearDown(); }
   // Connects to the node and closes the connection again.
   int Reach(int nodeId) {
     Connection* c = nullptr;
@@ -308,12 +306,11 @@ class NodeAddrTest : public WireTest {
 
 TEST_F(NodeAddrTest, ByNodeIdAndSimulatedDisconnect) {
   v4_.expect(MSG_TYPE_STATUS, "q").reply(MSG_TYPE_OK, "answer");
-  int type = -5, len = 0;
-  char* body = nullptr;
-  ASSERT_EQ(SendReceive(1, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), 0);
-  EXPECT_EQ(std::string(body, static_cast<size_t>(len)), "answer");
-  delete[] body;
-  EXPECT_EQ(SendReceive(9, MSG_TYPE_STATUS, "q", 1, &type, &body, &len, 2000), E_INVAL);
+  int type = -5;
+  MsgBody body;
+  ASSERT_EQ(SendReceive(1, MSG_TYPE_STATUS, "q", 1, &type, &body, 2000), 0);
+  EXPECT_EQ(std::string(body.data(), static_cast<size_t>(body.size())), "answer");
+  EXPECT_EQ(SendReceive(9, MSG_TYPE_STATUS, "q", 1, &type, &body, 2000), E_INVAL);
   EXPECT_EQ(Reach(9), E_INVAL);
   EXPECT_NE(Reach(2), 0);
   EXPECT_EQ(Reach(3), 0);

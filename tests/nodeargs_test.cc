@@ -21,7 +21,7 @@ int OnlyLoopback(IpAddrArray* out) {
 class NodeArgsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetZELIOForTest();
+    ResetProcessState();
     Nodes local = {Node(2, "nodeB", NodeLocation("10.200.0.2", 1191)),
                    Node(3, "nodeC", NodeLocation("127.0.0.1", 1191)),
                    Node(4, "nodeD", NodeLocation("127.0.0.1", 1300)),
@@ -31,7 +31,7 @@ class NodeArgsTest : public ::testing::Test {
   }
   void TearDown() override {
     SetLocalAddrsFnForTest(nullptr);
-    ResetZELIOForTest();
+    ResetProcessState();
   }
 };
 

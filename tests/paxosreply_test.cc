@@ -75,6 +75,9 @@ class PaxosReplyTest : public WireTest {
     out.broken = c->isBroken();
     outConnectionCache.addConnectionToMap(c);
     out.cached = outConnectionCache.size() == 1;
+    // States are only queued by decoding (a cache call there would log twice).
+    for (const ClientCacheUpdate& u : out.retry.cacheUpdates)
+      RecordCache(u.seq, u.committed, u.clusterId);
     outConnectionCache.clear();
     return out;
   }

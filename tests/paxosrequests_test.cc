@@ -28,12 +28,22 @@ std::vector<std::pair<int, int>> connects;  // node id, time-out
 std::vector<long long> sleeps;
 int refuseWith = 0;
 
+std::vector<std::string> events;
+
 int RecordConnect(int id, Connection** out, int ms) {
   connects.push_back({id, ms});
+  events.push_back("connect " + std::to_string(id));
   return refuseWith != 0 ? refuseWith : connectTo(id, out, 2000);
 }
 void RecordSleep(long long us) {
   sleeps.push_back(us);
+}
+
+// The client cache's view: the seq handed over and how many connections had
+// been released to the cache by then.
+void RecordCacheEvent(int seq, const CommittedState&, unsigned long long) {
+  events.push_back("cache " + std::to_string(seq) + " after " +
+                   std::to_string(outConnectionCache.size()) + " released");
 }
 
 CommittedState State(int cfgVer = 1) {
@@ -46,29 +56,21 @@ CommittedState State(int cfgVer = 1) {
 class RequestTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetZELIOForTest();
+    ResetProcessState();
     zelCommittedDir = dir_.file("committed");
     ASSERT_EQ(mkdir(zelCommittedDir.c_str(), 0755), 0);
     zelCachedDir = dir_.path();
     zelPaxosLFDClientPath = dir_.file("zel.paxos");
     zelNodeFilePath = dir_.file("zel.nodes");
-    zelClusterId = 0;
-    cfgVersion = nlVersion = 0;
     KxSetTransferTimeouts(5000, 5000);
-    outConnectionCache.clear();
     PlatSetSleepFn(RecordSleep);
     SetServerConnectFnForTest(RecordConnect);
     connects.clear();
     sleeps.clear();
+    events.clear();
     refuseWith = 0;
   }
-  void TearDown() override {
-    outConnectionCache.clear();
-    PlatSetSleepFn(nullptr);
-    SetServerConnectFnForTest(nullptr);
-    KxSetTransferTimeouts(DefaultSendTimeoutMS, DefaultRecvTimeoutMS);
-    ResetZELIOForTest();
-  }
+  void TearDown() override { ResetProcessState(); }
   // Nodes 1..n, on the servers' ports (or unused ones), in this order.
   void UseServers(int n) {
     Nodes nodes;
@@ -141,6 +143,23 @@ TEST_F(RequestTest, ReplyErrorsDecideWhetherOthersAreAsked) {
     EXPECT_EQ(PaxosValueGet(&seq, &st), rc);
     EXPECT_EQ(connects.size(), 3u);
   }
+}
+
+// Decoding queues the states; each goes to the client cache once its attempt's
+// connection is back, before the next attempt, in the order they came.
+TEST_F(RequestTest, ClientCacheUpdatedAfterEachAttemptReleasesItsConnection) {
+  MakeServers(2);
+  srv_[0]
+      ->expect(MSG_TYPE_VGET)
+      .reply(REPLY_TYPE_SEQ_COMMIT_ERROR, V(819, -1) + Commit(3, State()));
+  srv_[1]->expect(MSG_TYPE_VGET).reply(REPLY_TYPE_SEQ_COMMIT, Commit(4, State()));
+  SetClientCacheFnForTest(RecordCacheEvent);
+  events.clear();
+  int seq = 0;
+  CommittedState st;
+  EXPECT_EQ(PaxosValueGet(&seq, &st), 0);
+  EXPECT_EQ(events, (std::vector<std::string>{"connect 1", "cache 3 after 1 released", "connect 2",
+                                              "cache 4 after 2 released"}));
 }
 
 TEST_F(RequestTest, ServerOrderFollowsScores) {

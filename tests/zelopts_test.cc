@@ -63,13 +63,6 @@ TEST(OptionsTest, InvalidOptionThenFreshStart) {
   EXPECT_EQ((ZelArgs{"name"}), s.args);
 }
 
-TEST(ExitStatusTest, Table) {
-  const int cases[][2] = {{0, 0},     {802, 150}, {803, 151}, {805, 153}, {806, 155},
-                          {807, 154}, {812, 156}, {819, 157}, {804, 149}, {813, 149},
-                          {22, 149},  {5, 149},   {811, 149}, {38, 149},  {-1, 149}};
-  for (const auto& c : cases) EXPECT_EQ(c[1], ExitStatusFor(c[0])) << c[0];
-}
-
 TEST(UsageTest, NamesProgramAndOmitsHiddenSubcommands) {
   std::string u = UsageText("/x/kxzel");
   EXPECT_EQ(0u, u.find("Usage: /x/kxzel subcommand common-options subcommand-options...\n\n"));

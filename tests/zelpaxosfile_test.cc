@@ -19,14 +19,10 @@ namespace {
 class PaxosFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ResetZELIOForTest();
-    zelClusterId = 0;
+    ResetProcessState();
     zelPaxosLFDClientPath = dir_.file("zel.paxos");
   }
-  void TearDown() override {
-    ResetZELIOForTest();
-    zelClusterId = 0;
-  }
+  void TearDown() override { ResetProcessState(); }
   const std::string& path() const { return zelPaxosLFDClientPath; }
 
   TempDir dir_;

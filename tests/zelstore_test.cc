@@ -35,7 +35,7 @@ class StoreTest : public ::testing::Test {
     unsetenv("ZEL_BASE");
     unsetenv("ZEL_PORT");
     SetLocalAddrsFnForTest(nullptr);
-    ResetZELIOForTest();
+    ResetProcessState();
   }
   // InitZELIO with the "zelBaseDir: " line swallowed.
   int Init(int port = 0, int mode = 0) {
@@ -46,7 +46,7 @@ class StoreTest : public ::testing::Test {
   }
   // Back to a fresh process state in the test installation.
   void Restart() {
-    ResetZELIOForTest();
+    ResetProcessState();
     isTrovInstall = false;
     isTestInstall = true;
   }

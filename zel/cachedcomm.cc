@@ -12,10 +12,6 @@
 #include "zel/zellock.h"
 #include "zel/zelmsg.h"
 
-CachedConnectionMap outConnectionCache(false);
-CachedConnectionMap inConnectionCache(true);
-bool useCachedConnections = true;
-
 namespace {
 
 int wakeupSocks[2] = {-1, -1};
@@ -25,13 +21,9 @@ unsigned long long connId(const Connection* c) {
 }
 
 // Holds ZELLock slot 3 exclusively for a scope.
-class CacheLock {
+class CacheLock : public ZELLockHolder {
  public:
-  CacheLock() : lock_(kZelLockConnCache) { lock_.acquire(LMODE_EXCLUSIVE); }
-  ~CacheLock() { lock_.release(); }
-
- private:
-  ZELLock lock_;
+  CacheLock() : ZELLockHolder(kZelLockConnCache, LMODE_EXCLUSIVE) {}
 };
 
 }  // namespace
@@ -59,10 +51,9 @@ void CachedConnectionMap::addConnectionToMap(Connection* conn) {
   if (!conn->isBroken()) {
     bool good = conn->send(REPLY_TYPE_EOR, nullptr, 0) == 0;
     if (good) {
-      int type = 0, len = 0;
-      char* body = nullptr;
-      good = conn->receive(&type, &body, &len) == 0 && type == REPLY_TYPE_EOR;
-      delete[] body;
+      int type = 0;
+      MsgBody body;
+      good = conn->receive(&type, &body) == 0 && type == REPLY_TYPE_EOR;
     }
     if (!good) conn->setBroken();
   }

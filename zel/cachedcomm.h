@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "zel/kxcomm.h"
+#include "zel/zelglobals.h"
 
 constexpr int kNoCachedConnection = 112;
 
@@ -54,10 +55,7 @@ class CachedConnectionMap {
   std::map<CommAddr, Connection*> map_;
 };
 
-// The process-wide caches and the switch deciding whether connections are cached.
-extern CachedConnectionMap outConnectionCache;
-extern CachedConnectionMap inConnectionCache;
-extern bool useCachedConnections;
+// The process-wide caches and the caching switch are declared in zel/zelglobals.h.
 
 // The listen wake-up pair: a write to it interrupts pollInConnections.
 int listenWakeupSocksSetup();

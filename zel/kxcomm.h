@@ -2,12 +2,14 @@
 // message framing, the connection greeting and the generic reply handling.
 // Opening connections by address or node id is zel/kxconnect.h.
 //
-// Bodies handed out by receive are new char[length] arrays owned by the caller
-// (delete[]); with no body they are null and the length 0.
+// Time-outs are deadlines for a whole message (or the whole greeting answer),
+// not for each wait: a peer that trickles bytes cannot hold the client longer.
 #ifndef ZEL_KXCOMM_H
 #define ZEL_KXCOMM_H
 
+#include <cstddef>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "zel/kxcomm_addr.h"
@@ -21,8 +23,37 @@ constexpr unsigned int kMaxGreetingRecord = 16778240;
 constexpr unsigned int kGreetingMagic = 0xF3689038;
 constexpr int kZelProtocolVersion = 101;
 
-// Per-wait time-outs of message transfers; tests shorten them. Negative keeps a value.
+// Time-outs of sending and of receiving one message; tests shorten them.
+// Negative keeps a value.
 void KxSetTransferTimeouts(int sendMs, int recvMs);
+
+// A received message body: owns its bytes; empty (null data, size 0) when the
+// message had none.
+class MsgBody {
+ public:
+  MsgBody() = default;
+  MsgBody(MsgBody&& o) noexcept : data_(std::move(o.data_)), size_(o.size_) { o.size_ = 0; }
+  MsgBody& operator=(MsgBody&& o) noexcept;
+  MsgBody(const MsgBody&) = delete;
+  MsgBody& operator=(const MsgBody&) = delete;
+
+  // Replaces the contents with n uninitialised bytes; false (and empty) when
+  // memory is short.
+  bool allocate(size_t n);
+  void reset();
+  // Gives up the bytes, a new[] array the caller delete[]s (null when empty).
+  char* release();
+
+  char* data() { return data_.get(); }
+  const char* data() const { return data_.get(); }
+  const char* end() const { return data_.get() + size_; }
+  int size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+ private:
+  std::unique_ptr<char[]> data_;
+  int size_ = 0;
+};
 
 // Authentication seam: the security unit installs it; until then authentication is off.
 using KxAuthFn = int (*)(int sock, const SdrSecInfo& info);
@@ -40,8 +71,12 @@ class Connection {
  public:
   virtual ~Connection() {}
   virtual int send(int type, const char* body, int length) = 0;
-  // On return *type is set as soon as a header was read, even on error.
-  virtual int receive(int* type, char** body, int* length) = 0;
+  // On return *type is set as soon as a header was read, even on error; *body
+  // is replaced (empty on error or without a body).
+  virtual int receive(int* type, MsgBody* body) = 0;
+  // The same handing out a new[] array the caller delete[]s (null and 0 without
+  // a body), for callers that keep raw buffers.
+  int receive(int* type, char** body, int* length);
   virtual void close() = 0;
   virtual int getSock() const = 0;
   virtual unsigned long long getClusterId() const = 0;
@@ -56,17 +91,22 @@ class Connection {
   // Per-wait time-outs of this connection's transfers (a node talking to another
   // node waits far less than a client); negative keeps the process-wide value.
   virtual void setTimeouts(int sendMs, int recvMs) = 0;
+  // The cluster id of this end, compared with the peer's on the first message
+  // (0: unknown, no check).
+  virtual void setClientClusterId(unsigned long long id) = 0;
 };
 
 class ConnImplementation : public Connection {
  public:
-  ConnImplementation(int sock, const SdrSecInfo& info, const CommAddr& peer);
+  ConnImplementation(int sock, const SdrSecInfo& info, const CommAddr& peer,
+                     unsigned long long clientClusterId = 0);
   ~ConnImplementation() override;
   ConnImplementation(const ConnImplementation&) = delete;
   ConnImplementation& operator=(const ConnImplementation&) = delete;
 
+  using Connection::receive;
   int send(int type, const char* body, int length) override;
-  int receive(int* type, char** body, int* length) override;
+  int receive(int* type, MsgBody* body) override;
   void close() override;
   int getSock() const override { return sock_; }
   unsigned long long getClusterId() const override { return secInfo_.peerClusterId; }
@@ -80,6 +120,7 @@ class ConnImplementation : public Connection {
     sendMs_ = sendMs;
     recvMs_ = recvMs;
   }
+  void setClientClusterId(unsigned long long id) override { clientClusterId_ = id; }
   const SdrSecInfo& secInfo() const { return secInfo_; }
 
  private:
@@ -91,29 +132,36 @@ class ConnImplementation : public Connection {
   SdrSecInfo secInfo_;
   int sendMs_ = -1;
   int recvMs_ = -1;
+  unsigned long long clientClusterId_;
 };
 
-// Socket transfers that loop until the whole buffer has moved, waiting up to
-// timeoutMs before each piece. 144 when the peer closed, ETIMEDOUT on a time-out.
+// Socket transfers that loop until the whole buffer has moved or the deadline
+// (PlatNowMs milliseconds) has passed. 144 when the peer closed, ETIMEDOUT on a
+// time-out.
+int kxSendUntil(int sock, const char* buf, size_t len, long long deadlineMs);
+int kxRecvUntil(int sock, char* buf, size_t len, long long deadlineMs);
+// The same with a deadline timeoutMs from now.
 int kxFullSend(int sock, const char* buf, size_t len, int timeoutMs);
 int kxFullRecv(int sock, char* buf, size_t len, int timeoutMs);
 
 // Receives one reply, forwarding "reply_stdout"/"reply_sdterr" bodies in order.
 // A "failed" reply's result is its error code (no body); 818 when it is malformed.
-int ReceiveErrCheck(Connection* conn, int* type, char** body, int* length);
+int ReceiveErrCheck(Connection* conn, int* type, MsgBody* body);
 // Where forwarded text goes (nullptr restores stdout/stderr); for tests and tools.
 void KxSetForwardStreams(FILE* out, FILE* err);
 
-// The greeting of a connected socket: sends it and reads the answer into *info
-// (previous contents replaced). 143 bad magic, 129 rejected, 130 record too long.
-int kxSendGreeting(int sock, int timeoutMs, SdrSecInfo* info);
+// The greeting of a connected socket, carrying this end's cluster id: sends it
+// and reads the answer into *info (previous contents replaced). 143 bad magic,
+// 129 rejected, 130 record too long.
+int kxSendGreeting(int sock, int timeoutMs, unsigned long long clusterId, SdrSecInfo* info);
 int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info);
-// The greeting bytes this client sends.
-std::string kxGreetingBytes();
+// The greeting bytes this end sends.
+std::string kxGreetingBytes(unsigned long long clusterId);
 
 // Connects a socket made by the caller: non-blocking connect through the connect
 // seam, no-delay, then the greeting.
-int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, SdrSecInfo* info);
+int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, unsigned long long clusterId,
+                    SdrSecInfo* info);
 
 // A connection for an accepted socket; the peer address comes from the socket.
 int wrapSocket(int sock, const SdrSecInfo& info, Connection** out);

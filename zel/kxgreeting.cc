@@ -15,7 +15,6 @@
 #include "platform/psock.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
-#include "zel/zelfiles.h"
 
 namespace {
 
@@ -37,7 +36,7 @@ bool simReachable(const IpAddr& a) {
 
 }  // namespace
 
-std::string kxGreetingBytes() {
+std::string kxGreetingBytes(unsigned long long clusterId) {
   const KxSecurity& sec = GetKxSecurity();
   size_t s = sec.ready ? ((sec.clusterName.size() + 16) & ~static_cast<size_t>(3)) : 0;
   std::string g(64 + s, '\0');
@@ -63,22 +62,24 @@ std::string kxGreetingBytes() {
   p = DumpUInt32(p, 9);
   p = DumpUInt32(p, 0);
   p = DumpUInt32(p, kZelProtocolVersion);
-  p = DumpUInt64(p, zelClusterId);
+  p = DumpUInt64(p, clusterId);
   p = DumpUInt32(p, 0);
   ZASSERT(p == g.data() + g.size());
   return g;
 }
 
-int kxSendGreeting(int sock, int timeoutMs, SdrSecInfo* info) {
+int kxSendGreeting(int sock, int timeoutMs, unsigned long long clusterId, SdrSecInfo* info) {
   const KxSecurity& sec = GetKxSecurity();
   info->keyGenNumber = sec.ready ? sec.keyGenNumber : -1;
-  std::string g = kxGreetingBytes();
+  std::string g = kxGreetingBytes(clusterId);
   return kxFullSend(sock, g.data(), g.size(), timeoutMs);
 }
 
 int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info) {
+  // One deadline for the whole answer, however it is cut into pieces.
+  const long long deadline = PlatNowMs() + timeoutMs;
   char ans[kAnswerLen];
-  int rc = kxFullRecv(sock, ans, kAnswerLen, timeoutMs);
+  int rc = kxRecvUntil(sock, ans, kAnswerLen, deadline);
   if (rc != 0) return rc;
   unsigned int magic = 0, status = 0, len = 0;
   LoadUInt32(ans, ans + kAnswerLen, &magic);
@@ -94,7 +95,7 @@ int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info) {
     if (len > kMaxGreetingRecord || len < 8) return E_BAD_ATTACH_LEN;
     std::unique_ptr<char[]> rec(new (std::nothrow) char[len]);
     if (!rec) return E_OUT_OF_MEMORY;
-    rc = kxFullRecv(sock, rec.get(), len, timeoutMs);
+    rc = kxRecvUntil(sock, rec.get(), len, deadline);
     if (rc != 0) return rc;
     const char* r = rec.get();
     const char* end = r + len;
@@ -120,7 +121,8 @@ int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info) {
   return 0;
 }
 
-int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, SdrSecInfo* info) {
+int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, unsigned long long clusterId,
+                    SdrSecInfo* info) {
   int rc = PlatSetNonBlocking(sock, true);
   if (rc != 0) return rc;
   struct sockaddr_storage ss;
@@ -140,7 +142,7 @@ int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, SdrSecInfo* i
   }
   rc = PlatSetNoDelay(sock);
   if (rc != 0) return rc;
-  rc = kxSendGreeting(sock, timeoutMs, info);
+  rc = kxSendGreeting(sock, timeoutMs, clusterId, info);
   if (rc != 0) return rc;
   return kxReadGreetingAnswer(sock, timeoutMs, info);
 }
@@ -163,7 +165,11 @@ int wrapSocket(int sock, const SdrSecInfo& info, Connection** out) {
     ::close(sock);
     return E_IO;
   }
-  Connection* c = new ConnImplementation(sock, info, peer);
+  Connection* c = new (std::nothrow) ConnImplementation(sock, info, peer);
+  if (c == nullptr) {
+    ::close(sock);
+    return E_OUT_OF_MEMORY;
+  }
   trace(5, "wrapping socket %d from node %s-0x%llx", sock, peer.toString().c_str(), connId(c));
   *out = c;
   return 0;

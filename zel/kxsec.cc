@@ -12,12 +12,6 @@
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
 
-bool zelSecReady = false;
-const char* zelCipherListP = nullptr;
-int encryptionFIPS1402ModeZEL = 1;
-int EncryptionNistComplianceZEL = 3;
-SecTransport* secImpP = nullptr;
-
 namespace {
 
 SecPaths secPaths;

@@ -13,13 +13,7 @@
 #include "cfgmgr/clusterInfo.h"
 #include "transport/sectransport.h"
 #include "zel/kxcomm_addr.h"
-
-// Process-wide security state.
-extern bool zelSecReady;            // authentication is in force
-extern const char* zelCipherListP;  // "AUTHONLY" once ready, else null
-extern int encryptionFIPS1402ModeZEL;
-extern int EncryptionNistComplianceZEL;
-extern SecTransport* secImpP;  // the one secure transport
+#include "zel/zelglobals.h"
 
 // Where the local keys and the authorized-keys file are.
 struct SecPaths {

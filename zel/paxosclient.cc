@@ -20,9 +20,6 @@
 #include "zel/zelutils.h"
 #include "zel/zelxfer.h"
 
-std::vector<int> serverIds;
-int maxRetryTime = 16;
-
 namespace {
 
 // Connect time-out of the attempts of a request's first round (all but the last).
@@ -73,17 +70,13 @@ int fxferNodesFile(Connection* conn, const FileVersion& fv) {
   ZASSERT_T(p == &body[0] + len, "bufP - msgP == len");
   int rc = conn->send(MSG_TYPE_FXFER, body.data(), len);
   if (rc != 0) return rc;
-  int type = -1, replyLen = 0;
-  char* reply = nullptr;
-  rc = ReceiveErrCheck(conn, &type, &reply, &replyLen);
-  if (rc != 0) {
-    delete[] reply;
-    return rc;
-  }
+  int type = -1;
+  MsgBody reply;
+  rc = ReceiveErrCheck(conn, &type, &reply);
+  if (rc != 0) return rc;
   int size = -1;
-  const char* end = LoadVarUInt(reply, reply + replyLen, &size, 0);
-  bool ok = type == MSG_TYPE_OK && end != nullptr && end == reply + replyLen;
-  delete[] reply;
+  const char* end = LoadVarUInt(reply.data(), reply.end(), &size, 0);
+  bool ok = type == MSG_TYPE_OK && end != nullptr && end == reply.end();
   if (!ok) {
     conn->setBroken();
     return E_BAD_MESSAGE;
@@ -116,14 +109,6 @@ const char kNodesFileName[] = "zel.nodes";
 std::string stateText(int level, const CommittedState& committed) {
   if (level > traceLevel && level > traceFlags) return std::string();
   return committed.toString();
-}
-
-void releaseConnection(Connection* conn) {
-  if (useCachedConnections) {
-    outConnectionCache.addConnectionToMap(conn);
-  } else {
-    delete conn;
-  }
 }
 
 std::string nodesFilePath(const FileVersion& fv) {
@@ -231,6 +216,7 @@ int PaxosRequest(const char* name, const PaxosAttemptFn& attempt) {
     if (err != 0) continue;
     err = attempt(conn, &retry);
     releaseConnection(conn);
+    flushCacheUpdates(&retry);
   }
   if (retry.active) return retry.firstError != 0 ? retry.firstError : E_NO_SERVER;
   return err;

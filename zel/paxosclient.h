@@ -10,15 +10,7 @@
 
 #include "zel/kxcomm.h"
 #include "zel/paxosdata.h"
-
-// Configuration and node-list versions of the committed state the client holds
-// (set by PaxosInit; 0 until then).
-extern int cfgVersion;
-extern int nlVersion;
-// Node ids of the candidate servers, in the order they are tried (PaxosInit).
-extern std::vector<int> serverIds;
-// Back-off factors from this one on end a request (16: five rounds).
-extern int maxRetryTime;
+#include "zel/zelglobals.h"
 
 // Orders node ids by score, highest first; an id without a score has 0.
 class ServerCompare {
@@ -33,6 +25,13 @@ class ServerCompare {
 // order within a class. Sets cfgVersion and nlVersion. Returns the state
 // file's load error (the list then stays in node-list order).
 int PaxosInit();
+
+// A committed state a reply brought, for the client cache.
+struct ClientCacheUpdate {
+  int seq = 0;
+  CommittedState committed;
+  unsigned long long clusterId = 0;  // of the connection it came on
+};
 
 // Retry state of one request.
 class ClientRetry {
@@ -52,6 +51,10 @@ class ClientRetry {
   int attempt = 0;              // servers chosen so far
   int server = -1;              // node id of the current attempt
   bool connected = false;       // whether the current attempt got a connection
+  // States the attempt's replies brought, in order; the request loop hands them
+  // to the client cache once the attempt's connection is released, so that
+  // decoding a reply never writes files or opens connections.
+  std::vector<ClientCacheUpdate> cacheUpdates;
 };
 
 // Everything a repository reply can hand back; which fields are filled depends
@@ -74,16 +77,18 @@ struct ZelReplyResult {
 // *result. Returns 0, the error a reply carries, or the receive error; 818 (and
 // conn marked broken) for a body that does not decode completely or a type that
 // is not a repository reply, in which case only result->type is set. Switches
-// retry (may be null) off when the request is complete or must not be retried.
-// Hands decoded 50/51/53 states to the cache. The body is always freed.
+// retry (may be null) off when the request is complete or must not be retried,
+// and queues decoded 50/51/53 states on it for the client cache.
 int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result);
 
 // One attempt of a request on a connected server: sends the request, receives
 // and decodes the reply, and switches retry off when the request is complete.
 using PaxosAttemptFn = std::function<int(Connection* conn, ClientRetry* retry)>;
 // The request loop shared by every request: attempts on serverIds in turn with
-// back-off. The last attempt's error once the request is complete; when the
-// attempts run out, the first recorded error, else 801.
+// back-off. After each attempt the connection is released and then the states
+// the attempt queued go to the client cache, in order. The last attempt's error
+// once the request is complete; when the attempts run out, the first recorded
+// error, else 801.
 int PaxosRequest(const char* name, const PaxosAttemptFn& attempt);
 
 // Asks a server for the current node list and committed state; makes them the
@@ -123,8 +128,8 @@ int doUpdateRequest(Connection* conn, int mt, const char* body, int len, UpdateI
 // than the client's and then fetches a newer node list.
 void updateClientCache(int seq, const CommittedState& committed, unsigned long long clusterId);
 
-// Test seam: replaces the cache hand-off of ReceiveZELReply (nullptr restores
-// updateClientCache); returns the previous one.
+// Test seam: replaces the request loop's hand-off of queued states (nullptr
+// restores updateClientCache); returns the previous one.
 using ClientCacheFn = void (*)(int seq, const CommittedState& committed,
                                unsigned long long clusterId);
 ClientCacheFn SetClientCacheFnForTest(ClientCacheFn fn);

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "zel/kxcomm.h"
+#include "zel/kxconnect.h"
 #include "zel/paxosdata.h"
 
 // The node list is the repository file with this id and name.
@@ -14,11 +14,11 @@ extern const char kNodesFileName[];
 // The state's text for a trace line of level, built only when it is printed.
 std::string stateText(int level, const CommittedState& committed);
 
-// The cache hand-off of replies (updateClientCache unless a test replaced it).
-void clientCacheUpdate(int seq, const CommittedState& committed, unsigned long long clusterId);
-
-// Back to the outgoing cache (after the "eor" handshake), or destroyed.
-void releaseConnection(Connection* conn);
+// Queues the state of reply r (received on conn) for the client cache.
+void queueCacheUpdate(ClientRetry* retry, const ZelReplyResult& r, const Connection* conn);
+// Hands the queued states to the client cache (updateClientCache unless a test
+// replaced it), in order, and empties the queue.
+void flushCacheUpdates(ClientRetry* retry);
 
 // The committed copy of the node-list file of entry fv.
 std::string nodesFilePath(const FileVersion& fv);

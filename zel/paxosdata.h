@@ -9,6 +9,7 @@
 
 #include <map>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -86,6 +87,7 @@ class PaxosConfig : public ConfigData {
 class UpdatePayload {
  public:
   virtual ~UpdatePayload() = default;
+  // A copy, or null when memory is short.
   virtual UpdatePayload* clone() const = 0;
   virtual int getSize() const = 0;
   virtual char* dump(char* p) const = 0;
@@ -100,7 +102,7 @@ struct ConfigUpdate : public ConfigData, public UpdatePayload {
   ConfigUpdate() = default;
   ConfigUpdate(const ConfigData& d, bool nodesChange, bool disksChange)
       : ConfigData(d), changeNodes(nodesChange), changeDisks(disksChange) {}
-  UpdatePayload* clone() const override { return new ConfigUpdate(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) ConfigUpdate(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   // Input ending before the flags still clears the lists (minNodes -1).
@@ -178,7 +180,7 @@ struct ValueUpdate : public UpdatePayload {
 
   ValueUpdate() = default;
   ValueUpdate(const std::string& n, const std::string& v) : name(n), value(v) {}
-  UpdatePayload* clone() const override { return new ValueUpdate(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) ValueUpdate(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   const char* load(const char* p, const char* end) override;
@@ -191,7 +193,7 @@ struct ValueDeletion : public UpdatePayload {
 
   ValueDeletion() = default;
   explicit ValueDeletion(const std::string& n) : name(n) {}
-  UpdatePayload* clone() const override { return new ValueDeletion(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) ValueDeletion(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   const char* load(const char* p, const char* end) override;
@@ -208,7 +210,7 @@ struct FileUpdate : public UpdatePayload {
   FileUpdate() = default;
   FileUpdate(const std::string& n, int id, int x, unsigned int c)
       : name(n), fileId(id), extra(x), crc(c) {}
-  UpdatePayload* clone() const override { return new FileUpdate(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) FileUpdate(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   const char* load(const char* p, const char* end) override;
@@ -225,7 +227,7 @@ struct FileDeletion : public UpdatePayload {
 
   FileDeletion() = default;
   FileDeletion(const std::string& n, int id) : name(n), fileId(id) {}
-  UpdatePayload* clone() const override { return new FileDeletion(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) FileDeletion(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   const char* load(const char* p, const char* end) override;
@@ -239,7 +241,7 @@ struct LeaderUpdate : public UpdatePayload {
 
   LeaderUpdate() = default;
   LeaderUpdate(int id, int lease) : leaderId(id), leaseMS(lease) {}
-  UpdatePayload* clone() const override { return new LeaderUpdate(*this); }
+  UpdatePayload* clone() const override { return new (std::nothrow) LeaderUpdate(*this); }
   int getSize() const override;
   char* dump(char* p) const override;
   const char* load(const char* p, const char* end) override;

@@ -269,23 +269,16 @@ std::ostream& operator<<(std::ostream& os, const ZelFxFerKey& k) {
 }
 
 int ZelFxFerMap::add(const ZelFxFerKey& key, const FileVersion& fv) {
-  ZELLock lock(kZelLockFxFerMap);
-  lock.acquire(LMODE_EXCLUSIVE);
+  ZELLockHolder lock(kZelLockFxFerMap, LMODE_EXCLUSIVE);
   auto r = map_.insert_or_assign(key, fv);
-  lock.release();
   return r.second ? 0 : 1;
 }
 
 int ZelFxFerMap::getFxFerInfo(const ZelFxFerKey& key, FileVersion* zelFxFerInfoP) {
   PD_ASSERT_T(zelFxFerInfoP != nullptr, "zelFxFerInfoP != NULL");
-  ZELLock lock(kZelLockFxFerMap);
-  lock.acquire(LMODE_SHARED);
+  ZELLockHolder lock(kZelLockFxFerMap, LMODE_SHARED);
   auto it = map_.find(key);
-  int found = 0;
-  if (it != map_.end()) {
-    *zelFxFerInfoP = it->second;
-    found = 1;
-  }
-  lock.release();
-  return found;
+  if (it == map_.end()) return 0;
+  *zelFxFerInfoP = it->second;
+  return 1;
 }

@@ -202,32 +202,44 @@ void LeaderUpdate::print(std::ostream& os) const {
 
 // ---- ProposedUpdate ----
 
+namespace {
+
+// Copies cannot report failure: running out of memory here is fatal, as it is
+// for the containers the records hold.
+UpdatePayload* copyOf(const UpdatePayload& p) {
+  UpdatePayload* c = p.clone();
+  ZASSERT_T(c != nullptr, "out of memory");
+  return c;
+}
+
+}  // namespace
+
 ProposedUpdate::ProposedUpdate(const UpdateId& u) : uid(u), type(noopUpdate) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const ValueUpdate& p, int ver)
-    : uid(u), type(valueUpdate), version(ver), payload_(p.clone()) {}
+    : uid(u), type(valueUpdate), version(ver), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const ValueDeletion& p)
-    : uid(u), type(valueDeletion), payload_(p.clone()) {}
+    : uid(u), type(valueDeletion), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const FileUpdate& p, int ver)
-    : uid(u), type(fileUpdate), version(ver), payload_(p.clone()) {}
+    : uid(u), type(fileUpdate), version(ver), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const FileDeletion& p)
-    : uid(u), type(fileDeletion), payload_(p.clone()) {}
+    : uid(u), type(fileDeletion), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const ConfigUpdate& p)
-    : uid(u), type(configUpdate), payload_(p.clone()) {}
+    : uid(u), type(configUpdate), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const UpdateId& u, const LeaderUpdate& p, int ver)
-    : uid(u), type(leaderUpdate), version(ver), payload_(p.clone()) {}
+    : uid(u), type(leaderUpdate), version(ver), payload_(copyOf(p)) {}
 
 ProposedUpdate::ProposedUpdate(const ProposedUpdate& o)
     : uid(o.uid),
       type(o.type),
       version(o.version),
       listn(o.listn),
-      payload_(o.payload_ ? o.payload_->clone() : nullptr) {}
+      payload_(o.payload_ ? copyOf(*o.payload_) : nullptr) {}
 
 ProposedUpdate& ProposedUpdate::operator=(const ProposedUpdate& o) {
   if (this == &o) return *this;
@@ -236,7 +248,7 @@ ProposedUpdate& ProposedUpdate::operator=(const ProposedUpdate& o) {
   type = o.type;
   version = o.version;
   listn = o.listn;
-  if (o.payload_) payload_.reset(o.payload_->clone());
+  if (o.payload_) payload_.reset(copyOf(*o.payload_));
   return *this;
 }
 
@@ -277,17 +289,17 @@ bool hasPayloadType(int t) {
 UpdatePayload* newPayload(int t) {
   switch (t) {
     case ProposedUpdate::valueUpdate:
-      return new ValueUpdate;
+      return new (std::nothrow) ValueUpdate;
     case ProposedUpdate::valueDeletion:
-      return new ValueDeletion;
+      return new (std::nothrow) ValueDeletion;
     case ProposedUpdate::fileUpdate:
-      return new FileUpdate;
+      return new (std::nothrow) FileUpdate;
     case ProposedUpdate::fileDeletion:
-      return new FileDeletion;
+      return new (std::nothrow) FileDeletion;
     case ProposedUpdate::configUpdate:
-      return new ConfigUpdate;
+      return new (std::nothrow) ConfigUpdate;
     case ProposedUpdate::leaderUpdate:
-      return new LeaderUpdate;
+      return new (std::nothrow) LeaderUpdate;
     default:
       return nullptr;
   }
@@ -326,6 +338,7 @@ const char* ProposedUpdate::load(const char* p, const char* end) {
   p = LoadVarUInt(p, end, &version, -1);
   if (p == nullptr) return nullptr;
   UpdatePayload* pl = newPayload(type);
+  if (pl == nullptr && hasPayloadType(type)) return nullptr;  // out of memory
   if (pl != nullptr) {
     payload_.reset(pl);
     p = pl->load(p, end);

@@ -7,9 +7,6 @@
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 
-int cfgVersion = 0;
-int nlVersion = 0;
-
 namespace {
 
 ClientCacheFn cacheFn = updateClientCache;
@@ -75,8 +72,14 @@ bool isRepositoryReply(int type) {
 
 }  // namespace
 
-void clientCacheUpdate(int seq, const CommittedState& committed, unsigned long long clusterId) {
-  cacheFn(seq, committed, clusterId);
+void queueCacheUpdate(ClientRetry* retry, const ZelReplyResult& r, const Connection* conn) {
+  retry->cacheUpdates.push_back(ClientCacheUpdate{r.seq, r.committed, conn->getClusterId()});
+}
+
+void flushCacheUpdates(ClientRetry* retry) {
+  std::vector<ClientCacheUpdate> updates;
+  updates.swap(retry->cacheUpdates);
+  for (const ClientCacheUpdate& u : updates) cacheFn(u.seq, u.committed, u.clusterId);
 }
 
 ClientCacheFn SetClientCacheFnForTest(ClientCacheFn fn) {
@@ -86,12 +89,11 @@ ClientCacheFn SetClientCacheFnForTest(ClientCacheFn fn) {
 }
 
 int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result) {
-  int type = -1, len = 0;
-  char* body = nullptr;
-  int rc = ReceiveErrCheck(conn, &type, &body, &len);
+  int type = -1;
+  MsgBody body;
+  int rc = ReceiveErrCheck(conn, &type, &body);
   result->type = type;
   if (rc != 0) {
-    delete[] body;
     if (rc >= E_ZEL_NOT_FOUND && rc <= E_ZEL_INVALID_VERSION && retry != nullptr) {
       retry->active = false;
     }
@@ -105,7 +107,6 @@ int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result
       assert_failed(__FILE__, __LINE__, what.c_str());
     }
     trace(1, "ReceiveZELReply: unexpected reply type %d '%s'", type, msgName(type));
-    delete[] body;
     conn->setBroken();
     return E_BAD_MESSAGE;
   }
@@ -113,10 +114,9 @@ int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result
   ZelReplyResult d;
   d.type = type;
   int err = 0;
-  bool ok = decodeReply(type, body, body + len, &d, &err);
-  delete[] body;
+  bool ok = decodeReply(type, body.data(), body.end(), &d, &err);
   if (!ok) {
-    trace(4, "ReceiveZELReply: malformed '%s' body (len %d)", msgName(type), len);
+    trace(4, "ReceiveZELReply: malformed '%s' body (len %d)", msgName(type), body.size());
     conn->setBroken();
     return E_BAD_MESSAGE;
   }
@@ -126,8 +126,8 @@ int ReceiveZELReply(Connection* conn, ClientRetry* retry, ZelReplyResult* result
     case REPLY_TYPE_SEQ_COMMIT:
     case REPLY_TYPE_SEQ_COMMIT_ERROR:
     case REPLY_TYPE_SEQ_COMMIT_FLIST:
-      cacheFn(result->seq, result->committed, conn->getClusterId());
       if (retry == nullptr) break;
+      queueCacheUpdate(retry, *result, conn);
       if (err == E_TRY_OTHERS) {
         // Keep going round the servers, but only this round.
         retry->firstError = E_TRY_OTHERS;

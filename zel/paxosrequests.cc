@@ -84,7 +84,7 @@ int PaxosFileGet(const std::string& name, const std::string& localPath, int* seq
       if (giveUp) retry->active = false;
       return err;
     }
-    clientCacheUpdate(r.seq, r.committed, conn->getClusterId());
+    queueCacheUpdate(retry, r, conn);
     retry->active = false;
     *seq = r.seq;
     *fileId = r.fileId;

@@ -11,20 +11,11 @@
 #include <cstdint>
 #include <string>
 
+#include "zel/zelglobals.h"
+
 // ---- Diagnostics ----
 
-// Messages of this level or lower go to standard error (ZEL_DEBUG).
-extern int traceLevel;
-// Messages of this level or lower go to the platform trace as well (ZEL_TRACE).
-extern unsigned char traceFlags;
-// The platform trace device: its descriptor (-1 when closed) and its own level.
-extern int platformTraceFd;
-extern int platformTraceLevel;
-// Per-class levels of the platform trace; the front end raises two of them.
-constexpr int kTraceClasses = 64;
-extern int traceClassLevels[kTraceClasses];
-// When set, malformed-message checks assert instead of returning an error.
-extern bool zelDebugAsserts;
+// The thresholds are declared in zel/zelglobals.h.
 
 void trace(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 // Reports "file:line: assertion 'cond' failed" (plus the detail when fmt is given)

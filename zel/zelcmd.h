@@ -30,9 +30,6 @@ struct ZelSettings {
   ZelArgs args;                      // positional arguments
 };
 
-// argv[0], kept for the usage text.
-extern std::string pgmName;
-
 // Parses options from argv[2] on (argv[1] is the subcommand). Returns 0, or -1
 // after an invalid option. Prints the -D note itself.
 int ParseOptions(int argc, char** argv, ZelSettings* s);

@@ -10,11 +10,9 @@ int refreshAuth(const Nodes& nodes) {
   int firstErr = 0;
   for (const Node& node : nodes) {
     int replyType = 0;
-    int replyLen = 0;
-    char* reply = nullptr;
+    MsgBody reply;
     int rc = SendReceive(node.addr.addr, node.addr.port, MSG_TYPE_AUTH, nullptr, 0, &replyType,
-                         &reply, &replyLen, -1);
-    delete[] reply;
+                         &reply, -1);
     if (rc != 0) {
       fprintf(stderr, "authentication refresh for node %d (%s) failed (err %d)\n", node.id,
               node.name.c_str(), rc);

@@ -28,15 +28,14 @@ struct SlotEntry {
 
 // The status a node reports; 0 when it does not answer or the answer is bad.
 int pollStatus(const Node& n) {
-  int replyType = -1, replyLen = 0;
-  char* reply = nullptr;
-  int rc = SendReceive(n.addr.addr, n.addr.port, MSG_TYPE_STATUS, nullptr, 0, &replyType, &reply,
-                       &replyLen, -1);
+  int replyType = -1;
+  MsgBody reply;
+  int rc =
+      SendReceive(n.addr.addr, n.addr.port, MSG_TYPE_STATUS, nullptr, 0, &replyType, &reply, -1);
   int status = 0;
-  if (rc == 0 && reply != nullptr) {
-    if (LoadVarUInt(reply, reply + replyLen, &status, 0) == nullptr) status = 0;
+  if (rc == 0 && !reply.empty()) {
+    if (LoadVarUInt(reply.data(), reply.end(), &status, 0) == nullptr) status = 0;
   }
-  delete[] reply;
   return status;
 }
 

@@ -29,14 +29,13 @@ int DebugCommand(const ZelSettings& s, const ZelArgs& args) {
   ZASSERT_T(bufP == msgBuffer + msgLength, "bufP == msgBuffer + msgLength");
 
   for (const Node& n : nodes) {
-    int replyType = -1, replyLen = 0;
-    char* reply = nullptr;
+    int replyType = -1;
+    MsgBody reply;
     rc = SendReceive(n.addr.addr, n.addr.port, MSG_TYPE_DEBUG, msgBuffer,
-                     static_cast<int>(msgLength), &replyType, &reply, &replyLen, -1);
+                     static_cast<int>(msgLength), &replyType, &reply, -1);
     trace(4, "debug response: err %d type %d (%s) len %d", rc, replyType, msgName(replyType),
-          replyLen);
-    if (reply != nullptr && replyLen > 0) printf("%.*s\n", replyLen, reply);
-    delete[] reply;
+          reply.size());
+    if (!reply.empty()) printf("%.*s\n", reply.size(), reply.data());
   }
   return rc;
 }

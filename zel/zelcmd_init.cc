@@ -86,15 +86,14 @@ int InitNodes(unsigned long long clusterId, const Nodes& targets, const Nodes& n
 
   int result = 0;
   for (const Node& n : targets) {
-    int replyType = -1, replyLen = 0;
-    char* recvMsg = nullptr;
-    int rc = SendReceive(n.id, MSG_TYPE_INIT, pMsg, size, &replyType, &recvMsg, &replyLen, -1);
-    if (rc == 0 && recvMsg != nullptr) {
+    int replyType = -1;
+    MsgBody recvMsg;
+    int rc = SendReceive(n.id, MSG_TYPE_INIT, pMsg, size, &replyType, &recvMsg, -1);
+    if (rc == 0 && !recvMsg.empty()) {
       // The answer carries no body; a server that sends one is not trusted.
-      if (zelDebugAsserts) ZASSERT_T(recvMsg == NULL, "recvMsg == NULL");
+      if (zelDebugAsserts) ZASSERT_T(recvMsg.empty(), "recvMsg == NULL");
       rc = E_BAD_MESSAGE;
     }
-    delete[] recvMsg;
     if (rc != 0) {
       fprintf(stderr, "initialize %s failed (err %d)\n", n.toString().c_str(), rc);
       result = rc;
@@ -118,11 +117,10 @@ int InitSharedDisks(const Nodes& nodes, const DiskMap& disks, const Dblock& bloc
   int rc = E_IO;
   for (const Node& n : nodes) {
     char* end = DumpVarUInt(pData, n.id, 0);
-    int replyType = -1, replyLen = 0;
-    char* reply = nullptr;
+    int replyType = -1;
+    MsgBody reply;
     rc = SendReceive(n.id, MSG_TYPE_PXINIT, pMsg, static_cast<int>(end - pMsg), &replyType, &reply,
-                     &replyLen, -1);
-    delete[] reply;
+                     -1);
     trace(4, "pxinit to %s returned %d", n.toString().c_str(), rc);
     if (rc == 0) break;
   }

@@ -18,11 +18,9 @@ namespace {
 
 // Sends an empty request of type to the node and discards the reply.
 int sendToNode(const Node& node, int type) {
-  int replyType = 0, replyLen = 0;
-  char* reply = nullptr;
-  int rc = SendReceive(node.addr.addr, node.addr.port, type, nullptr, 0, &replyType, &reply,
-                       &replyLen, -1);
-  delete[] reply;
+  int replyType = 0;
+  MsgBody reply;
+  int rc = SendReceive(node.addr.addr, node.addr.port, type, nullptr, 0, &replyType, &reply, -1);
   trace(4, "%s to node %s returned %d", msgName(type), node.toString().c_str(), rc);
   return rc;
 }

@@ -11,8 +11,6 @@
 #include "platform/pfile.h"
 #include "zel/paxosutils.h"
 
-unsigned long long zelClusterId = 0;
-
 std::string tmpFileName(const std::string& path) {
   unsigned int tid = static_cast<unsigned int>(syscall(SYS_gettid));
   return path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(tid);

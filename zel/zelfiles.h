@@ -5,9 +5,6 @@
 
 #include <string>
 
-// This client's cluster id; 0 while unknown. Set from the first state file read.
-extern unsigned long long zelClusterId;
-
 // path + ".tmp." + process id + "." + thread id (32-bit unsigned), so two
 // threads or processes never share a temporary file.
 std::string tmpFileName(const std::string& path);

@@ -8,8 +8,6 @@
 #include "zel/zelcmd.h"
 #include "zel/zelerr.h"
 
-std::string pgmName;
-
 namespace {
 
 const char kUsage[] =

@@ -12,25 +12,6 @@
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
 
-int zelPort = -1;
-unsigned int defaultPort = kDefaultZelPort;
-int zelNodeId = -1;
-std::string zelAddr;
-Node zelMyNode;
-bool isTrovInstall = true;
-bool isTestInstall = false;
-int zelTraceBoost = 0;
-
-std::string zelBaseDir;
-std::string zelCertFilePath;
-std::string zelKeyFilePath;
-std::string zelCachedDir;
-std::string zelCommittedDir;
-std::string zelNodeFilePath;
-std::string zelDiskFilePath;
-std::string zelPaxosLFDServerPath;
-std::string zelPaxosLFDClientPath;
-
 namespace {
 
 const char kProductDir[] = "/var/kolt";
@@ -366,19 +347,6 @@ void doDelay(double secs) {
 }
 
 void ResetZELIOForTest() {
-  zelPort = -1;
-  defaultPort = kDefaultZelPort;
-  zelNodeId = -1;
-  zelAddr.clear();
-  zelMyNode = Node();
-  isTrovInstall = true;
-  isTestInstall = false;
-  zelTraceBoost = 0;
-  for (std::string* s :
-       {&zelBaseDir, &zelCertFilePath, &zelKeyFilePath, &zelCachedDir, &zelCommittedDir,
-        &zelNodeFilePath, &zelDiskFilePath, &zelPaxosLFDServerPath, &zelPaxosLFDClientPath}) {
-    s->clear();
-  }
   nodes.clear();
   diskMap.clear();
   nodeNames.clear();
@@ -386,6 +354,7 @@ void ResetZELIOForTest() {
   nodeListOnDisk = false;
   diskListOnDisk = false;
   localAddrs.clear();
+  localAddrsFn = GetLocalAddrs;
 }
 
 LocalAddrsFn SetLocalAddrsFnForTest(LocalAddrsFn fn) {

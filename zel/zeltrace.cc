@@ -9,13 +9,6 @@
 #include "platform/ptrace.h"
 #include "zel/paxosutils.h"
 
-int traceLevel = 0;
-unsigned char traceFlags = 0;
-int platformTraceFd = -1;
-int platformTraceLevel = 0;
-int traceClassLevels[kTraceClasses];
-bool zelDebugAsserts = false;
-
 namespace {
 
 constexpr size_t kTraceBuf = 1024;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "classes/basic/ipaddr.h"
+#include "zel/zelglobals.h"
 
 // Where a repository server listens: address text and port.
 struct NodeLocation {
@@ -63,26 +64,7 @@ using NodeLocMap = std::map<int, NodeLocation>;
 
 enum PathType { NodeFile = 0, DiskFile = 1, PaxosFile = 2, CommittedDir = 3, CachedDir = 4 };
 
-// ---- Process-wide store state ----
-
-extern int zelPort;               // -1 until InitZELIO
-extern unsigned int defaultPort;  // 1191; left out of the node-list file
-extern int zelNodeId;             // this machine's node id, -1 when not a quorum node
-extern std::string zelAddr;       // address text of the local node
-extern Node zelMyNode;            // copy of the local node's entry
-extern bool isTrovInstall;        // product installation under /var/kolt
-extern bool isTestInstall;        // allows ZEL_BASE and /tmp/zel[.PORT]
-extern int zelTraceBoost;         // added to the ZEL_DEBUG level (the -V count)
-
-extern std::string zelBaseDir;
-extern std::string zelCertFilePath;
-extern std::string zelKeyFilePath;
-extern std::string zelCachedDir;
-extern std::string zelCommittedDir;
-extern std::string zelNodeFilePath;
-extern std::string zelDiskFilePath;
-extern std::string zelPaxosLFDServerPath;
-extern std::string zelPaxosLFDClientPath;
+// The process-wide store state is declared in zel/zelglobals.h.
 
 // Sets the diagnostic thresholds from ZEL_DEBUG / ZEL_TRACE, plus zelTraceBoost.
 void InitZelTrace();
@@ -132,7 +114,8 @@ bool isFilePrivate(const std::string& name);
 
 // ---- Test hooks ----
 
-// Returns all store state to its initial values (installation flags included).
+// Returns the store's own lists and seams to their initial values; the store's
+// process-wide variables are reset by ResetProcessState (zel/zelglobals.h).
 void ResetZELIOForTest();
 using LocalAddrsFn = int (*)(IpAddrArray* out);
 // Replaces the local interface enumeration (nullptr restores it); returns the old one.

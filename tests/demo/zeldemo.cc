@@ -3,8 +3,10 @@
 // cluster. The server keeps named values in memory and answers the greeting,
 // "vget", the "vput" exchange (uid, ok, seq_commit) and "eor".
 #include <arpa/inet.h>
+#include <ftw.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "tests/support/miniserver.h"
+#include "tests/support/spawn.h"
 #include "zel/kxcomm.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
@@ -157,6 +160,15 @@ std::string clientPath() {
   return dir.substr(0, dir.rfind('/')) + "/kxzel-testinstall";
 }
 
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+  return remove(path);
+}
+
+// Removes dir and everything in it, links not followed.
+bool removeTree(const std::string& dir) {
+  return nftw(dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS) == 0;
+}
+
 // Runs the client with the arguments and shows the command, its output and status.
 int runClient(const std::string& bin, const std::string& base,
               const std::vector<std::string>& args) {
@@ -164,22 +176,21 @@ int runClient(const std::string& bin, const std::string& base,
   for (const auto& a : args) shown += " " + a;
   printf("%s\n", shown.c_str());
   fflush(stdout);
-  pid_t pid = fork();
-  if (pid == 0) {
-    setenv("ZEL_BASE", base.c_str(), 1);
-    unsetenv("ZEL_DEBUG");
-    dup2(1, 2);  // messages in order with the listings, even when piped
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(bin.c_str()));
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(bin.c_str(), argv.data());
-    perror("zel-demo: exec");
-    _exit(127);
+  // The server thread runs: the child is prepared in full and spawned.
+  SpawnOptions o;
+  o.argv = {bin};
+  o.argv.insert(o.argv.end(), args.begin(), args.end());
+  o.env = TestEnvironment({{"ZEL_BASE", base}});
+  // Messages in order with the listings, even when piped.
+  o.keepStdout = o.stderrToStdout = true;
+  int rc = 127;
+  pid_t pid = SpawnProcess(o);
+  if (pid < 0) {
+    perror("zel-demo: spawn");
+  } else if (!WaitProcess(pid, 30000, &rc)) {
+    KillProcess(pid, SIGKILL);
+    rc = 128 + SIGKILL;
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  int rc = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
   printf("[exit status %d]\n\n", rc);
   return rc;
 }
@@ -220,8 +231,7 @@ int main() {
   for (size_t i = 0; i < steps.size(); i++) {
     if (runClient(bin, base, steps[i]) != expected[i]) wrong++;
   }
-  std::string rm = "/bin/rm -rf '" + base + "'";
-  if (system(rm.c_str()) != 0) fprintf(stderr, "zel-demo: could not remove %s\n", base.c_str());
+  if (!removeTree(base)) fprintf(stderr, "zel-demo: could not remove %s\n", base.c_str());
   printf(wrong == 0 ? "zel-demo: every step ended as expected\n"
                     : "zel-demo: %d step(s) ended unexpectedly\n",
          wrong);

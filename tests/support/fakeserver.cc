@@ -131,7 +131,7 @@ std::vector<FakeMsg> FakeServer::messagesOfType(int type) const {
 bool FakeServer::waitDone(int ms) const {
   std::unique_lock<std::mutex> g(mu_);
   return cv_.wait_for(g, std::chrono::milliseconds(ms),
-                      [this] { return script_.empty() && !busy_; });
+                      [this] { return script_.empty() && busy_ == 0; });
 }
 
 void FakeServer::fail(const std::string& what) {
@@ -141,7 +141,7 @@ void FakeServer::fail(const std::string& what) {
 
 void FakeServer::finishStep() {
   std::lock_guard<std::mutex> g(mu_);
-  busy_ = false;
+  busy_--;
   cv_.notify_all();
 }
 
@@ -152,9 +152,12 @@ void FakeServer::run() {
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
     ++nConns_;
-    serveConn(fd);
-    ::close(fd);
+    connThreads_.emplace_back([this, fd] {
+      serveConn(fd);
+      ::close(fd);
+    });
   }
+  for (std::thread& t : connThreads_) t.join();
 }
 
 // Moves len bytes in or out, polling in slices so that stop_ is seen.
@@ -257,6 +260,12 @@ bool FakeServer::recvMsg(int fd, ConnState* st, int* type, std::string* body) {
 bool FakeServer::runActions(int fd, const std::vector<Action>& acts) {
   for (const Action& a : acts) {
     if (a.kind == kRaw && !sendAll(fd, a.bytes)) return false;
+    if (a.kind == kTrickle) {
+      for (char c : a.bytes) {
+        if (!sendAll(fd, std::string(1, c))) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(a.ms));
+      }
+    }
     if (a.kind == kClose) return false;
     if (a.kind == kStall) {
       auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(a.ms);
@@ -291,6 +300,7 @@ void FakeServer::serveConn(int fd) {
     int type = 0;
     std::string body, err;
     std::vector<Action> acts;
+    bool tookStep = false;
     if (!recvMsg(fd, &st, &type, &body)) return;
     {
       std::lock_guard<std::mutex> g(mu_);
@@ -309,7 +319,8 @@ void FakeServer::serveConn(int fd) {
         }
         acts = s->actions;
         script_.pop_front();
-        busy_ = err.empty();
+        tookStep = err.empty();
+        if (tookStep) busy_++;
       }
     }
     if (!err.empty()) {
@@ -317,6 +328,6 @@ void FakeServer::serveConn(int fd) {
       return;
     }
     keep = runActions(fd, acts);
-    finishStep();
+    if (tookStep) finishStep();
   }
 }

@@ -1,6 +1,8 @@
 // A scripted fake repository server for tests. It listens on 127.0.0.1 (or ::1)
-// on an ephemeral port, serves connections one after another on its own thread,
-// answers the greeting, and works through a first-in-first-out script: each step
+// on an ephemeral port, serves each connection on a thread of its own (so a
+// connection held open never delays the next one's greeting, however loaded
+// the machine), answers the greeting, and works through one first-in-first-out
+// script shared by all connections: each step
 // expects one request and then runs its actions. "eor" requests are answered by
 // the server itself unless a step expects "eor". Every message is recorded. At
 // destruction it waits briefly for the script to be used up, then fails the test
@@ -88,6 +90,10 @@ class FakeServer {
   // Announces body.size(), sends the first keep bytes, then closes.
   FakeServer& truncated(int type, const std::string& body, size_t keep);
   FakeServer& closeConn() { return addAction(kClose, "", 0); }
+  // Sends bytes one at a time, gapMs apart.
+  FakeServer& trickle(const std::string& bytes, int gapMs) {
+    return addAction(kTrickle, bytes, gapMs);
+  }
   FakeServer& stall(int ms) { return addAction(kStall, "", ms); }
   // Reads "fdata" messages up to one "fcrc" and stores the file.
   FakeServer& receiveFile() { return addAction(kRecvFile, "", 0); }
@@ -107,7 +113,7 @@ class FakeServer {
   static std::string header8(int type, unsigned int len);
 
  private:
-  enum Kind { kRaw, kClose, kStall, kRecvFile };
+  enum Kind { kRaw, kClose, kStall, kRecvFile, kTrickle };
   struct Action {
     Kind kind;
     std::string bytes;
@@ -151,12 +157,13 @@ class FakeServer {
   mutable std::mutex mu_;
   mutable std::condition_variable cv_;
   std::deque<Step> script_;
-  bool busy_ = false;  // a step's actions are running
+  int busy_ = 0;  // steps whose actions are running
   std::vector<FakeMsg> msgs_;
   std::vector<FakeGreeting> greetings_;
   std::vector<FakeFile> files_;
   std::vector<std::string> errors_;
   std::thread thread_;
+  std::vector<std::thread> connThreads_;  // accept thread only
 };
 
 #endif  // TESTS_SUPPORT_FAKESERVER_H

@@ -60,13 +60,13 @@ bool MakeTestKey(const std::string& dir, const std::string& name, TestKey* out) 
 
 const TestKey* SharedTestKey(int i) {
   static std::mutex mu;
-  static TempDir* dir = new TempDir;  // kept until exit, like the keys
+  static TempDir dir;  // removed at exit
   static TestKey* keys[4] = {};
   if (i < 0 || i >= 4) return nullptr;
   std::lock_guard<std::mutex> g(mu);
   if (keys[i] == nullptr) {
     TestKey* k = new TestKey;
-    if (!MakeTestKey(dir->path(), "shared" + std::to_string(i), k)) {
+    if (!MakeTestKey(dir.path(), "shared" + std::to_string(i), k)) {
       delete k;
       return nullptr;
     }

@@ -1,23 +1,21 @@
 #include "testutil.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 
-extern char** environ;
-
-TempDir::TempDir() {
+TempDir::TempDir() : owner_(getpid()) {
   char tmpl[] = "/tmp/kxzel-test-XXXXXX";
   char* p = mkdtemp(tmpl);
   if (p == nullptr) abort();
@@ -25,9 +23,20 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  std::string cmd = "/bin/rm -rf '" + path_ + "'";
-  int rc = system(cmd.c_str());
-  (void)rc;
+  if (getpid() == owner_) RemoveTree(path_);
+}
+
+namespace {
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+  return remove(path) == 0 || errno == ENOENT ? 0 : -1;
+}
+
+}  // namespace
+
+bool RemoveTree(const std::string& path) {
+  // Depth first, without following links: a link is removed, not its target.
+  return nftw(path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS) == 0 || errno == ENOENT;
 }
 
 void WriteFile(const std::string& path, const std::string& contents) {
@@ -64,38 +73,22 @@ std::vector<std::string> ListDir(const std::string& path) {
 RunResult RunCommand(const std::vector<std::string>& argv, const EnvList& env, int timeoutMs) {
   RunResult r;
   TempDir out;
-  std::vector<std::string> envStrings, argCopy = argv;
-  for (char** e = environ; *e != nullptr; e++) {
-    if (strncmp(*e, "ZEL_", 4) != 0) envStrings.push_back(*e);
+  // The output goes to files, so a child never blocks on a full pipe.
+  SpawnOptions o;
+  o.argv = argv;
+  o.env = TestEnvironment(env);
+  o.stdoutPath = out.file("out");
+  o.stderrPath = out.file("err");
+  pid_t pid = SpawnProcess(o);
+  if (pid < 0) {
+    r.exitStatus = 127;
+    return r;
   }
-  for (const auto& kv : env) envStrings.push_back(kv.first + "=" + kv.second);
-  std::vector<char*> envp, args;
-  for (auto& s : envStrings) envp.push_back(&s[0]);
-  for (auto& s : argCopy) args.push_back(&s[0]);
-  envp.push_back(nullptr);
-  args.push_back(nullptr);
-
-  pid_t pid = fork();
-  if (pid == 0) {
-    // The output goes to files, so a child never blocks on a full pipe.
-    dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(open(out.file("out").c_str(), O_WRONLY | O_CREAT, 0600), 1);
-    dup2(open(out.file("err").c_str(), O_WRONLY | O_CREAT, 0600), 2);
-    execve(args[0], args.data(), envp.data());
-    _exit(127);
+  if (!WaitProcess(pid, timeoutMs, &r.exitStatus)) {
+    r.timedOut = true;
+    KillProcess(pid, SIGKILL);
+    r.exitStatus = 128 + SIGKILL;
   }
-  int status = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      r.timedOut = true;
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      break;
-    }
-    usleep(2000);
-  }
-  r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   r.out = ReadFile(out.file("out"));
   r.err = ReadFile(out.file("err"));
   return r;

@@ -3,11 +3,16 @@
 #ifndef TESTS_SUPPORT_TESTUTIL_H
 #define TESTS_SUPPORT_TESTUTIL_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <utility>
 #include <vector>
 
-// A fresh directory under /tmp, removed with everything in it on destruction.
+#include "support/spawn.h"
+
+// A fresh directory under /tmp, removed with everything in it on destruction
+// (by the process that made it: a forked child leaves it alone).
 class TempDir {
  public:
   TempDir();
@@ -19,7 +24,11 @@ class TempDir {
 
  private:
   std::string path_;
+  pid_t owner_;
 };
+
+// Removes path and everything under it, without a shell; false when anything stays.
+bool RemoveTree(const std::string& path);
 
 void WriteFile(const std::string& path, const std::string& contents);
 // The whole file, or "<missing>" when it cannot be read.
@@ -35,10 +44,8 @@ struct RunResult {
   std::string err;
 };
 
-using EnvList = std::vector<std::pair<std::string, std::string>>;
-
 // Runs argv[0] with the arguments, the current environment less ZEL_* plus env,
-// no standard input, and a bounded time.
+// no standard input, and a bounded time (then it is killed).
 RunResult RunCommand(const std::vector<std::string>& argv, const EnvList& env = {},
                      int timeoutMs = 60000);
 

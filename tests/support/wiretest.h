@@ -1,6 +1,6 @@
-// Tests on real connections: a fixture that returns the connection layer's
-// process state (caches, seams, cluster id, time-outs) to its defaults around
-// each test, and helpers for one connection and one receive.
+// Tests on real connections: a fixture that starts and ends each test from a
+// fresh process state, with short transfer time-outs, and helpers for one
+// connection and one receive.
 #ifndef TESTS_SUPPORT_WIRETEST_H
 #define TESTS_SUPPORT_WIRETEST_H
 
@@ -12,28 +12,15 @@
 #include "support/fakeserver.h"
 #include "zel/cachedcomm.h"
 #include "zel/kxconnect.h"
-#include "zel/zelfiles.h"
+#include "zel/zelglobals.h"
 
 class WireTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Reset();
+    ResetProcessState();
     KxSetTransferTimeouts(5000, 5000);
   }
-  void TearDown() override {
-    Reset();
-    KxSetTransferTimeouts(DefaultSendTimeoutMS, DefaultRecvTimeoutMS);
-  }
-  static void Reset() {
-    outConnectionCache.clear();
-    inConnectionCache.clear();
-    useCachedConnections = true;
-    zelClusterId = 0;
-    SetKxSecurity(KxSecurity());
-    PlatSetConnectFn(nullptr);
-    SetSimulateNetworkDisconnectAddrs(false, CommAddr(), CommAddr());
-    KxSetForwardStreams(nullptr, nullptr);
-  }
+  void TearDown() override { ResetProcessState(); }
 };
 
 // A connection the test owns.
@@ -57,21 +44,20 @@ struct Got {
 };
 inline Got Receive(Connection* c, bool errCheck = false) {
   Got g;
-  char* body = nullptr;
-  g.rc = errCheck ? ReceiveErrCheck(c, &g.type, &body, &g.len) : c->receive(&g.type, &body, &g.len);
-  g.nullBody = body == nullptr;
-  if (body != nullptr && g.len > 0) g.body.assign(body, static_cast<size_t>(g.len));
-  delete[] body;
+  MsgBody body;
+  g.rc = errCheck ? ReceiveErrCheck(c, &g.type, &body) : c->receive(&g.type, &body);
+  g.len = body.size();
+  g.nullBody = body.data() == nullptr;
+  if (!body.empty()) g.body.assign(body.data(), static_cast<size_t>(body.size()));
   return g;
 }
 
 // SendReceive by address: the reply's type, or the error as a negative number.
 inline int Request(const FakeServer& srv, int type, const std::string& body, int ms = 3000) {
-  int rtype = 0, len = 0;
-  char* rbody = nullptr;
-  int rc = SendReceive(srv.addr(), type, body.data(), static_cast<int>(body.size()), &rtype, &rbody,
-                       &len, ms);
-  delete[] rbody;
+  int rtype = 0;
+  MsgBody rbody;
+  int rc =
+      SendReceive(srv.addr(), type, body.data(), static_cast<int>(body.size()), &rtype, &rbody, ms);
   return rc == 0 ? rtype : -rc;
 }
 
