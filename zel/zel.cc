@@ -7,6 +7,7 @@
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
 #include "zel/zelutils.h"
+#include "zel/zelversion.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ void closeTraceDevice() {
 
 int mainBody(int argc, char** argv) {
   pgmName = argv[0];
+  if (PrintVersionIfAsked(argc, argv)) return 0;
   InitZelTrace();
   if (argc < 2) usageExit();
 
