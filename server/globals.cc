@@ -17,6 +17,7 @@
 #include "platform/pfile.h"
 #include "platform/pfileio.h"
 #include "platform/plisten.h"
+#include "platform/psock.h"
 #include "server/service.h"
 #include "zel/kxsec.h"
 #include "zel/paxosutils.h"
@@ -218,6 +219,8 @@ int Globals::run() {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       continue;
     }
+    // Replies are small messages in a row: without no-delay each waits for an ACK.
+    PlatSetNoDelay(fd);
     {
       std::lock_guard<std::mutex> g(connMu_);
       if (static_cast<int>(conns_.size()) >= opt_.maxConnections) {

@@ -14,6 +14,7 @@ namespace {
 constexpr size_t kClientFixed = 28;
 constexpr size_t kAnswerFixed = 20;
 constexpr size_t kHdrLen = 8;
+constexpr int kCoalesceBytes = 65536;
 
 // Fills *g from one record; unknown types are skipped.
 void takeRecord(const char* r, const char* end, ClientGreeting* g) {
@@ -128,8 +129,16 @@ int ServerConnection::send(int type, const char* body, int length) {
   unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
   p[0] = static_cast<char>(code >> 8);
   p[1] = static_cast<char>(code);
-  int rc = kxFullSend(sock_, hdr, kHdrLen, ioMs_);
-  if (rc == 0 && length > 0) rc = kxFullSend(sock_, body, static_cast<size_t>(length), ioMs_);
+  int rc;
+  if (length > 0 && length <= kCoalesceBytes) {
+    // One send for header and body: one segment for a small reply.
+    std::string m(hdr, kHdrLen);
+    m.append(body, static_cast<size_t>(length));
+    rc = kxFullSend(sock_, m.data(), m.size(), ioMs_);
+  } else {
+    rc = kxFullSend(sock_, hdr, kHdrLen, ioMs_);
+    if (rc == 0 && length > 0) rc = kxFullSend(sock_, body, static_cast<size_t>(length), ioMs_);
+  }
   if (rc != 0) {
     broken_ = true;
     trace(4, "send of msg %d to %s failed (err %d)", type, peer_.toString().c_str(), rc);
