@@ -75,6 +75,11 @@ class ServerConnection : public Connection {
   void setBroken() override { broken_ = true; }
   bool isAuthenticated() const override { return authenticated_; }
   void setFirstMessage() override { firstMsg_ = true; }
+  // Send waits use sendMs, body waits recvMs; negative keeps a value.
+  void setTimeouts(int sendMs, int recvMs) override {
+    if (sendMs >= 0) ioMs_ = sendMs;
+    if (recvMs >= 0) ioMs_ = recvMs;
+  }
   // The cluster check is the greeting's, made before this connection exists.
   void setClientClusterId(unsigned long long) override {}
 
