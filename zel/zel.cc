@@ -5,6 +5,7 @@
 #include "platform/ptrace.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
+#include "zel/zeldeadline.h"
 #include "zel/zelutils.h"
 #include "zel/zelversion.h"
 
@@ -48,6 +49,7 @@ void closeTraceDevice() {
 int mainBody(int argc, char** argv) {
   pgmName = argv[0];
   if (PrintVersionIfAsked(argc, argv)) return 0;
+  if (!ApplyDeadlineFromEnv()) return 1;
   InitZelTrace();
   if (argc < 2) usageExit();
 

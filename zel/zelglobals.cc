@@ -75,6 +75,7 @@ void ResetProcessState() {
   ZELLockInit();
   PlatSetSleepFn(nullptr);
   PlatSetNowFn(nullptr);
+  PlatSetCommandDeadline(0);
   PlatSetConnectFn(nullptr);
 
 #define ZEL_RESET(type, name, init) name = init;
