@@ -18,6 +18,13 @@ namespace zeld {
 
 // Every disk has this many slots; a node owns the slot its NodeDescriptor names.
 constexpr int kDiskSlots = 8;
+// Largest encoded Dblock a disk holds: a block's committed state travels in
+// replies, which carry at most 8 MiB of body.
+constexpr int kMaxBlockBytes = 8 * 1024 * 1024 - 64 * 1024;
+// Refusals of Disk::writeRead (system error numbers): the writer does not own
+// the slot, or the block is older than the one the slot holds. Both still read.
+constexpr int kErrNotOwner = 1;      // EPERM
+constexpr int kErrStaleWrite = 116;  // ESTALE
 
 // One slot as read back: absent when never written, or when both copies are
 // torn or fail their checksum (never read as data).
@@ -34,9 +41,11 @@ struct SlotBlock {
 class Disk {
  public:
   virtual ~Disk() = default;
-  // Durably writes b into slot (refused when writer does not own that slot in
-  // the store's latest configuration, or b is older than what the slot holds),
-  // then reads every slot into *out (kDiskSlots entries).
+  // Durably writes b into slot, then reads every slot into *out (kDiskSlots
+  // entries). Refused with kErrNotOwner when writer does not own that slot in
+  // the latest configuration the store holds (or b brings), kErrStaleWrite when
+  // b is older than the slot's block; a refusal still fills *out. Rewriting the
+  // block a slot holds is a success. One call is one round trip for a remote disk.
   virtual int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) = 0;
   virtual int read(std::vector<SlotBlock>* out) = 0;
   // For traces and dump: "node 2", "/path/disk0".
@@ -54,12 +63,22 @@ struct DiskSet {
 // Resolves an update against the state of the instance it is proposed in:
 // checks conditions, chooses versions, and fills *u; or returns the refusal
 // (153, 154, 152 ...) that ends the request. Called again for each instance
-// the update is proposed in; must be deterministic over the state.
+// the update is proposed in; must be deterministic over the state. Sets u->uid
+// even when refusing: an update the state already includes is answered 0.
 using PrepareFn = std::function<int(const CommittedState& state, ProposedUpdate* u)>;
 
 // Called after each decided instance is applied and durable, in seq order,
-// before the proposer's reply goes out (staged files are linked here).
-using AppliedFn = std::function<void(int seq, const CommittedState& state, const ProposedUpdate& inp)>;
+// before the proposer's reply goes out (staged files are linked here). seq is
+// the instance after it: the pair (seq, state) is what a reply carries.
+using AppliedFn =
+    std::function<void(int seq, const CommittedState& state, const ProposedUpdate& inp)>;
+
+// Called when the node skipped instances by taking a newer block's state (no
+// inputs to replay): fetch the files the state names before serving them.
+using CaughtUpFn = std::function<void(int seq, const CommittedState& state)>;
+
+// Which disks an instance runs over, given the state it starts from.
+using DiskSetFn = std::function<DiskSet(const CommittedState& state)>;
 
 class Replica {
  public:
@@ -74,6 +93,25 @@ class Replica {
   // Engine state for "dump" and "status".
   virtual std::string describe() const = 0;
 };
+
+struct ReplicaOptions {
+  int nodeId = 0;
+  std::shared_ptr<Disk> ownStore;  // this node's block store; must be initialised
+  DiskSetFn disks;                 // the disk set of each instance, ownStore among them
+  AppliedFn applied;               // may be empty
+  CaughtUpFn caughtUp;             // may be empty
+  long long requestMs = 20000;     // submit answers 819 after this
+  long long phaseMs = 2000;        // a phase without a quorum is retried after this
+  long long pollMs = 1000;         // an idle node reads the disks this often to catch up
+  unsigned seed = 0;               // back-off randomness; 0 picks one from the clock
+};
+
+// Opens a replica that starts from the newest block of its own store and runs
+// until destroyed. 0, or 2 when the store holds no block (not initialised), or
+// the store's read error. prepare and the callbacks run on the engine's thread:
+// they must not call the replica. A submit answered 819 stays queued and is
+// still driven to a decision (prepare may run after submit returned).
+int OpenReplica(const ReplicaOptions& opts, std::unique_ptr<Replica>* out);
 
 }  // namespace zeld
 
