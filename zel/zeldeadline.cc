@@ -1,6 +1,5 @@
 #include "zel/zeldeadline.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 
 #include "platform/pclock.h"
@@ -15,14 +14,14 @@ bool ParseDeadlineSeconds(const char* text, long long* ms) {
   return true;
 }
 
-bool ApplyDeadlineFromEnv() {
+std::string ApplyDeadlineFromEnv() {
   const char* text = getenv("ZEL_DEADLINE");
-  if (text == nullptr) return true;
+  if (text == nullptr || *text == '\0') return std::string();
   long long ms = 0;
   if (!ParseDeadlineSeconds(text, &ms)) {
-    fprintf(stderr, "ZEL_DEADLINE must be a number of seconds above 0, not '%s'\n", text);
-    return false;
+    return "invalid value '" + std::string(text) +
+           "' for ZEL_DEADLINE (seconds above 0, a fraction allowed)";
   }
   PlatSetCommandDeadline(PlatNowMs() + ms);
-  return true;
+  return std::string();
 }

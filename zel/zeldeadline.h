@@ -4,12 +4,14 @@
 #ifndef ZEL_ZELDEADLINE_H
 #define ZEL_ZELDEADLINE_H
 
+#include <string>
+
 // Milliseconds of a ZEL_DEADLINE text: a decimal number of seconds above 0 (a
 // fraction is allowed) and at most 10^7. False for anything else.
 bool ParseDeadlineSeconds(const char* text, long long* ms);
 
-// Reads ZEL_DEADLINE and sets the command's deadline from now. Unset: nothing
-// changes. A bad value is reported on standard error and gives false.
-bool ApplyDeadlineFromEnv();
+// Reads ZEL_DEADLINE and sets the command's deadline from now. Unset or empty:
+// nothing changes. A bad value gives the message to report, else "".
+std::string ApplyDeadlineFromEnv();
 
 #endif  // ZEL_ZELDEADLINE_H
