@@ -26,7 +26,7 @@ void Draw(long long done, long long total) {
     // A new transfer (or a retry starting over): a fresh line.
     if (startMs >= 0 && lastWidth > 0) fputc('\n', stderr);
     startMs = now;
-    lastDrawMs = now - kRedrawMs;
+    lastDrawMs = now;  // the first draw waits a little: a rate needs some time
     lastWidth = 0;
   }
   lastDone = done;
