@@ -138,7 +138,10 @@ void Sim::drain(int id) {
       e.node = id;
       e.life = n.life;
       e.op = op;
-      schedule(now_ + pick(0, c_.maxDelayMs), e);
+      // Now and then a message is held back long enough to land phases later.
+      long long delay = faulty() && coin() < 0.05 ? pick(0, 25 * c_.maxDelayMs)
+                                                  : pick(0, c_.maxDelayMs);
+      schedule(now_ + delay, e);
     }
   }
   for (const AppliedEvent& e : n.core->takeApplied()) onApplied(id, e);
