@@ -1,5 +1,6 @@
 // Reading the authorized-keys file.
 #include <errno.h>
+#include <fcntl.h>
 #include <strings.h>
 
 #include <cctype>
@@ -10,6 +11,7 @@
 #include <new>
 
 #include "cfgmgr/clusterInfo.h"
+#include "platform/pfile.h"
 #include "transport/seckeyfile.h"
 #include "transport/sectransport.h"
 #include "zel/zelerr.h"
@@ -171,9 +173,16 @@ bool ApplyLine(FILE* file, const char* key, const char* value, ClusterInfoList* 
 int ReadFile(const char* path, ClusterInfoList* list, AuthKeysSettings* settings, bool fipsOnly,
              int* rcOut) {
   Failure f{0, 0};
-  FILE* file = fopen(path, "re");
+  // Only a regular file: a FIFO planted here must not hang the command.
+  int fd = -1;
+  int openErr = PlatOpenRegular(path, O_RDONLY, &fd);
+  FILE* file = openErr == 0 ? fdopen(fd, "re") : nullptr;
   if (file == nullptr) {
-    f = {errno != 0 ? errno : E_IO, 1};
+    if (openErr == 0) {
+      openErr = errno != 0 ? errno : E_IO;
+      PlatClose(fd);
+    }
+    f = {openErr, 1};
     Report(path, f);
     if (rcOut) *rcOut = f.rc;
     return f.err;

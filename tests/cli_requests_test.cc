@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/clifixture.h"
@@ -100,6 +103,30 @@ TEST_F(CliRequestsTest, PrintingAndExitStatuses) {
   ASSERT_EQ(put.size(), 1u);
   EXPECT_TRUE(put[0].data == data && put[0].crcOk);
   EXPECT_EQ(b_.connections(), 0);  // 804..807 and answers end the request
+}
+
+// fget to standard output: the file and nothing else there.
+TEST_F(CliRequestsTest, FgetToStandardOutputCarriesOnlyTheFile) {
+  const std::string data = "line one\nline two\n";
+  a_.expect(MSG_TYPE_FGET)
+      .reply(52, Commit(5, State()) + V(7, 0) + V(data.size(), 0))
+      .sendFile(data);
+  RunResult r = Run({"fget", "data", ""});
+  EXPECT_EQ(std::make_tuple(0, data, BaseLine() + "fget:3\n"),
+            std::make_tuple(r.exitStatus, r.out, r.err));
+}
+
+// A file the request cannot announce is refused before anything is sent.
+TEST_F(CliRequestsTest, FputOfTooLargeFileIsRefused) {
+  const std::string big = dir_.file("big");
+  WriteFile(big, "");
+  ASSERT_EQ(0, truncate(big.c_str(), 2147483647LL));  // sparse: no disk used
+  RunResult r = Run({"fput", "data", big});
+  EXPECT_EQ(std::make_tuple(149, Out(""),
+                            "fput failed: err 27\n'" + big +
+                                "' is too large to store (2147483647 bytes; at most 2147483646)\n"),
+            std::make_tuple(r.exitStatus, r.out, r.err));
+  EXPECT_EQ(0, a_.connections() + b_.connections());
 }
 
 // A reply with a newer node list: the state is stored and the list pulled.

@@ -28,6 +28,10 @@ TEST_F(CliTest, UsageErrors) {
       {{"chnodes", "extra"}, "-n option missing\n"},
       {{"bogus"}, "Unknown subcommand: 'bogus'"},
       {{"vput", "a", "b", "-c"}, bin + ": option requires an argument -- 'c'\ninvalid option\n"},
+      // Numbers out of range are named; nothing is created or sent for them.
+      {{"vput", "a", "b", "-c", "4294967297"},
+       "invalid value '4294967297' for -c (a number from -1 to 2147483646)\n"},
+      {{"setup", "-c", "cert", "-n", "h:abc"}, "invalid port 'abc' in 'h:abc'\n"},
       // clang-format on
   };
   for (const auto& c : cases) {
@@ -50,15 +54,34 @@ TEST_F(CliTest, StartUpFailures) {
   r = RunCommand({KxzelTestBin(), "vlist"}, {{"ZEL_BASE", dir_.file("absent")}});
   EXPECT_EQ(149, r.exitStatus);
   EXPECT_EQ("zelBaseDir: " + dir_.file("absent") + "\n", r.out);
-  EXPECT_EQ("zelio initialization failed (err 811)\n", r.err);
+  // The cause follows the prescribed line.
+  EXPECT_EQ("zelio initialization failed (err 811)\n'" + dir_.file("absent") + "' not found\n",
+            r.err);
+}
+
+// Refused commands leave nothing behind and say what was wrong.
+TEST_F(CliTest, RefusedBeforeAnythingIsCreated) {
+  const std::string fresh = dir_.file("fresh");
+  RunResult r = RunCommand({KxzelTestBin(), "setup"}, {{"ZEL_BASE", fresh}});
+  EXPECT_EQ(std::make_tuple(1, std::string("-c paramter missing\n")),
+            std::make_tuple(r.exitStatus, r.err));
+  EXPECT_FALSE(PathExists(fresh));
+  r = RunCommand({KxzelTestBin(), "vlist"}, {{"ZEL_BASE", base_}, {"ZEL_DEBUG", "x"}});
+  EXPECT_EQ(std::make_tuple(1, std::string("invalid value 'x' for ZEL_DEBUG (a number from "
+                                           "-2147483648 to 2147483647)\n")),
+            std::make_tuple(r.exitStatus, r.err));
+  // A missing parent: the path in the message and a failure status.
+  r = RunCommand({KxzelTestBin(), "setup", "-c", "c"}, {{"ZEL_BASE", dir_.file("no/repo")}});
+  EXPECT_EQ(149, r.exitStatus);
+  EXPECT_EQ("cannot create '" + dir_.file("no/repo") + "': No such file or directory\n", r.err);
 }
 
 TEST(ProductCliTest, MissingProductDirectoryExitsOne) {
   if (PathExists("/var/kolt")) GTEST_SKIP() << "/var/kolt exists on this machine";
-  RunResult r = RunCommand({KxzelBin(), "vlist"}, {{"ZEL_DEBUG", "1"}});
-  EXPECT_EQ(1, r.exitStatus);
-  EXPECT_EQ("", r.out);
-  EXPECT_NE(std::string::npos, r.err.find("Directory /var/kolt not found.\n\n")) << r.err;
+  // Said without any diagnostics level: exit 1 alone would leave the user guessing.
+  RunResult r = RunCommand({KxzelBin(), "vlist"});
+  EXPECT_EQ(std::make_tuple(1, std::string(), std::string("Directory /var/kolt not found.\n")),
+            std::make_tuple(r.exitStatus, r.out, r.err));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <tuple>
@@ -92,6 +93,12 @@ TEST(AuthorizedKeysTest, UnsupportedCipherListAndMissingFile) {
   EXPECT_EQ(0u, r.stderrText.find("[E] Unsupported cipherList in authorized_keys file: RC4\n"));
   r = Parse(dir.file("none"), &l, &s);
   EXPECT_EQ(std::make_pair(2, 1), std::make_pair(r.err, r.rc));
+  // A FIFO or a directory in its place is refused at once, never waited on.
+  ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0644));
+  for (const std::string& p : {dir.file("fifo"), dir.path()}) {
+    r = Parse(p, &l, &s);
+    EXPECT_EQ(std::make_pair(22, 1), std::make_pair(r.err, r.rc)) << p;
+  }
 }
 
 TEST(AuthorizedKeysTest, LineRulesAndSettings) {

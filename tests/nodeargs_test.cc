@@ -59,7 +59,11 @@ TEST_F(NodeArgsTest, ParseNodeList) {
        "changed from 127.0.0.6:1191 to 127.0.0.6:1200\n"},
       {{"[::1]:1300"}, false, 0, "[(-1, '::1', ('::1', 1300))]", ""},
       {{"fe80::1"}, false, E_INVAL, "[]", "Unknown host 'fe80:'\n"},
-      {{"127.0.0.1:abc"}, false, 0, "[(-1, '127.0.0.1', ('127.0.0.1', 0))]", ""},
+      // Numbers that are not numbers in range are refused, never wrapped or read as 0.
+      {{"127.0.0.1:abc"}, false, E_INVAL, "[]", "Invalid port 'abc' in '127.0.0.1:abc'\n"},
+      {{"127.0.0.1:65536"}, false, E_INVAL, "[]", "Invalid port '65536' in '127.0.0.1:65536'\n"},
+      {{"[::1]x"}, false, E_INVAL, "[]", "Invalid port 'x' in '[::1]x'\n"},
+      {{"4294967299"}, false, E_INVAL, "[]", "invalid node id 4294967299\n"},
       // Every bad item is reported; the good ones are kept.
       {{"7", "127.0.0.2", "0", "nohost.invalid"}, true, E_INVAL,
        "[(1, '127.0.0.2', ('127.0.0.2', 1191))]",
@@ -117,9 +121,27 @@ TEST(DiskArgsTest, ParseDiskList) {
     EXPECT_EQ(std::tie(rc, disks, err),
               std::make_tuple(got, DiskMapToString(out), testing::internal::GetCapturedStderr()));
   }
+  // A relative directory is refused, not an abort.
   DiskMap out;
-  EXPECT_DEATH(parseDiskList({"a"}, "rel/dir", &out),
-               "assertion 'diskDir.empty\\(\\) \\|\\| IsAbsPath\\(diskDir\\)' failed");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(E_INVAL, parseDiskList({"a"}, "rel/dir", &out));
+  EXPECT_EQ("Disk directory 'rel/dir' is not an absolute path\n",
+            testing::internal::GetCapturedStderr());
+}
+
+TEST(NodeArgsSyntaxTest, FirstMalformedNumberIsNamed) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"3", "7=host:1300", "[::1]:2", "host", "fe80::1", "0", "5="}, ""},
+      {{"3", "2147483648"}, "invalid node id '2147483648' in '2147483648'"},
+      {{"4294967297=h"}, "invalid node id '4294967297' in '4294967297=h'"},
+      {{"h:abc", "h:0"}, "invalid port 'abc' in 'h:abc'"},
+      {{"h:0"}, "invalid port '0' in 'h:0'"},
+      {{"h:"}, "invalid port '' in 'h:'"},
+      {{"h:-5"}, "invalid port '-5' in 'h:-5'"},
+      {{"[h]junk"}, "invalid port 'junk' in '[h]junk'"},
+      {{"2=[h]:99999"}, "invalid port '99999' in '2=[h]:99999'"},
+  };
+  for (const auto& [items, want] : cases) EXPECT_EQ(want, checkNodeArgs(items)) << items[0];
 }
 
 }  // namespace

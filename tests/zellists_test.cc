@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "support/testutil.h"
+#include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
 
@@ -18,8 +19,11 @@ TEST(NodeListFileTest, ReadsGoodLinesAndCountsBadOnes) {
       {"1,0,h,x,a\n-3,0,h,,c\n1,,h,,a\n,0,h,,a\n1,0,h,+5,a\n1,0,h\n\n2,0,h,,b\n", E_IO,
        "[(2, 'b', ('h', 1191))]"},
       // Commas in the name; no carriage return is stripped.
-      {"1,0,host,,n,a,b\n2,3,10.0.0.2,7000,b\r\n4,2,,0,\n", 0,
-       "[(1, 'n,a,b', ('host', 1191)), (2 (old), 'b\r', ('10.0.0.2', 7000)), (4, '', ('', 0))]"},
+      {"1,0,host,,n,a,b\n2,3,10.0.0.2,7000,b\r\n4,2,,1,\n", 0,
+       "[(1, 'n,a,b', ('host', 1191)), (2 (old), 'b\r', ('10.0.0.2', 7000)), (4, '', ('', 1))]"},
+      // Ids and ports beyond their range are bad lines, not wrapped values.
+      {"4294967297,0,h,,a\n1,0,h,0,a\n1,0,h,65536,a\n2,0,h,65535,b\n", E_IO,
+       "[(2, 'b', ('h', 65535))]"},
   };
   for (const auto& [text, rc, want] : cases) {
     WriteFile(d.file("zel.nodes"), text);
@@ -27,6 +31,19 @@ TEST(NodeListFileTest, ReadsGoodLinesAndCountsBadOnes) {
     EXPECT_EQ(rc, readNodeList(d.file("zel.nodes"), &nodes)) << text;
     EXPECT_EQ(want, NodesToString(nodes)) << text;
   }
+}
+
+TEST(NodeListFileTest, FirstBadLineIsTheCause) {
+  TempDir d;
+  WriteFile(d.file("zel.nodes"), "1,0,h,,a\n\n1,0,h,x,a\n");
+  Nodes nodes;
+  ClearErrorCause();
+  EXPECT_EQ(E_IO, readNodeList(d.file("zel.nodes"), &nodes));
+  EXPECT_EQ(d.file("zel.nodes") + " line 2: '' is not id,old,address,port,name", ErrorCause());
+  WriteFile(d.file("zel.disks"), "1,0,a\n1,0\n");
+  DiskMap disks;
+  EXPECT_EQ(E_IO, readDiskList(d.file("zel.disks"), &disks));
+  EXPECT_EQ(d.file("zel.disks") + " line 2: '1,0' is not slot,old,name", ErrorCause());
 }
 
 TEST(ListFileTest, WriteThenReadRoundTrips) {

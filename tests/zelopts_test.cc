@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
 #include <string>
 #include <tuple>
 #include <vector>
@@ -45,12 +47,74 @@ TEST(OptionsTest, ValuesListsAndPermutation) {
             std::make_tuple(s.subcmd, s.traceLevel, s.yOpt, s.force, s.portOpt, s.storeVersion,
                             s.fValue, s.diskDir));
 
-  // An empty disk directory and a non-numeric port.
+  // An empty disk directory is a note; a port of 0 or below means none given.
   ZelSettings t;
   testing::internal::CaptureStderr();
-  ASSERT_EQ(0, Parse({"kxzel", "init", "-D", "", "-P", "abc"}, &t));
+  ASSERT_EQ(0, Parse({"kxzel", "init", "-D", "", "-P", "-3", "-c", "0"}, &t));
   EXPECT_EQ("No directory for disks specified", testing::internal::GetCapturedStderr());
-  EXPECT_EQ(0, t.portOpt);
+  EXPECT_EQ(-3, t.portOpt);
+}
+
+// Every value that is not a number in range is refused with its text named:
+// nothing is read as 0, wrapped to 32 bits or left to abort later.
+TEST(OptionsTest, MalformedNumbersAreUsageErrors) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"vput", "-c", "abc"}, "invalid value 'abc' for -c (a number from -1 to 2147483646)"},
+      {{"vput", "-c", "4294967297"},
+       "invalid value '4294967297' for -c (a number from -1 to 2147483646)"},
+      {{"vput", "-c", "-2"}, "invalid value '-2' for -c (a number from -1 to 2147483646)"},
+      {{"vput", "-c", "2147483647"},
+       "invalid value '2147483647' for -c (a number from -1 to 2147483646)"},
+      {{"vput", "-v", "-2"}, "invalid value '-2' for -v (a number from -1 to 2147483646)"},
+      {{"vput", "-v", "1x"}, "invalid value '1x' for -v (a number from -1 to 2147483646)"},
+      {{"vput", "-c", " 5"}, "invalid value ' 5' for -c (a number from -1 to 2147483646)"},
+      {{"vput", "-c", ""}, "invalid value '' for -c (a number from -1 to 2147483646)"},
+      {{"vlist", "-P", "abc"}, "invalid value 'abc' for -P (a number from -2147483648 to 65535)"},
+      {{"vlist", "-P", "65536"},
+       "invalid value '65536' for -P (a number from -2147483648 to 65535)"},
+      {{"init", "-f", "9999999999"},
+       "invalid value '9999999999' for -f (a number from -2147483648 to 2147483647)"},
+      {{"init", "-c", "-1"},
+       "invalid cluster id '-1' for -c (a number from 0 to "
+       "18446744073709551615)"},
+      {{"init", "-c", "18446744073709551616"},
+       "invalid cluster id '18446744073709551616' for -c (a number from 0 to "
+       "18446744073709551615)"},
+      {{"init", "-D", "rel/dir"}, "disk directory 'rel/dir' is not an absolute path"},
+  };
+  for (const auto& [words, want] : cases) {
+    std::vector<std::string> line = {"kxzel"};
+    line.insert(line.end(), words.begin(), words.end());
+    ZelSettings s;
+    EXPECT_EQ(-1, Parse(line, &s)) << want;
+    EXPECT_EQ(want, s.usageError);
+  }
+  // The edges that are in range.
+  ZelSettings s;
+  ASSERT_EQ(0, Parse({"kxzel", "vput", "-c", "-1", "-v", "2147483646", "-P", "65535"}, &s));
+  EXPECT_EQ(std::make_tuple(-1, 2147483646, 65535),
+            std::make_tuple(s.condVersion, s.storeVersion, s.portOpt));
+}
+
+TEST(OptionsTest, MalformedEnvironmentIsNamed) {
+  const std::tuple<const char*, const char*, std::string> cases[] = {
+      {"ZEL_PORT", "abc", "invalid value 'abc' for ZEL_PORT (a number from 1 to 65535)"},
+      {"ZEL_PORT", "0", "invalid value '0' for ZEL_PORT (a number from 1 to 65535)"},
+      {"ZEL_PORT", "70000", "invalid value '70000' for ZEL_PORT (a number from 1 to 65535)"},
+      {"ZEL_PORT", "7000", ""},
+      {"ZEL_PORT", "", ""},  // empty counts as not set
+      {"ZEL_DEBUG", "x",
+       "invalid value 'x' for ZEL_DEBUG (a number from -2147483648 to "
+       "2147483647)"},
+      {"ZEL_DEBUG", "-1", ""},
+      {"ZEL_TRACE", "256", "invalid value '256' for ZEL_TRACE (a number from 0 to 255)"},
+      {"ZEL_TRACE", "255", ""},
+  };
+  for (const auto& [name, value, want] : cases) {
+    setenv(name, value, 1);
+    EXPECT_EQ(want, checkEnvironment()) << name << "=" << value;
+    unsetenv(name);
+  }
 }
 
 TEST(OptionsTest, InvalidOptionThenFreshStart) {

@@ -42,7 +42,7 @@ TEST_F(PaxosFileTest, StoreReplacesAtomically) {
             std::make_tuple(1u, 77ull, 3, ReadFile(path()).size()));
   // A failed store (the temporary name is taken by a directory) keeps the file.
   ASSERT_EQ(mkdir(tmpFileName(path()).c_str(), 0755), 0);
-  EXPECT_EQ(storePFDToFile(7, CommittedState(), 77), EISDIR);
+  EXPECT_EQ(storePFDToFile(7, CommittedState(), 77), EEXIST);
   int seq = -1;
   CommittedState back;
   ASSERT_EQ(loadPFDFromFile(&seq, &back, &cid), 0);
@@ -90,7 +90,11 @@ TEST_F(PaxosFileTest, DamagedFilesFailWith214) {
   PaxosFileData pfd;
   unsigned long long cid = 0;
   EXPECT_EQ(loadPaxosFile(dir_.file("absent"), &pfd, nullptr, &cid), ENOENT);
-  EXPECT_EQ(loadPaxosFile(dir_.path(), &pfd, nullptr, &cid), EISDIR);
+  // Only a regular file is read: a directory or a FIFO is refused at once
+  // (opening a FIFO for reading would wait for a writer for ever).
+  EXPECT_EQ(loadPaxosFile(dir_.path(), &pfd, nullptr, &cid), E_INVAL);
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0644), 0);
+  EXPECT_EQ(loadPaxosFile(dir_.file("fifo"), &pfd, nullptr, &cid), E_INVAL);
 }
 
 TEST_F(PaxosFileTest, CommittedFilePathForms) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 
 #include "platform/pclock.h"
 #include "support/testutil.h"
+#include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
 
@@ -115,9 +117,50 @@ TEST_F(StoreTest, CreateModesAndFatalStartUps) {
   Restart();
   EXPECT_EXIT(InitZELIO(0, 1, true), ::testing::ExitedWithCode(1),
               "Directory .* already exists.\nDelete the directory first, or use -F option");
+  // Two lines for this one machine: a clear failure, not an abort.
   WriteFile(base_ + "/zel.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n");
-  EXPECT_DEATH(InitZELIO(0, 0, true),
-               "zel/zelstore:[0-9]+: assertion 'zelNodeId == iter->id' failed");
+  ClearErrorCause();
+  EXPECT_EQ(E_INVAL, Init());
+  EXPECT_EQ("node list names this host twice: node 1 (127.0.0.1) and node 2 (127.0.0.1)",
+            ErrorCause());
+}
+
+// Creation removes exactly the old repository, whatever its name, and a
+// missing parent is a failure that names the directory.
+TEST_F(StoreTest, CreateRemovesOnlyItsOwnTreeAndReportsMissingParent) {
+  base_ = dir_.file("my repo");
+  setenv("ZEL_BASE", base_.c_str(), 1);
+  for (const char* other : {"my", "repo"}) createDir(dir_.file(other), 0755);
+  MakeRepo();
+  ASSERT_EQ(0, Init(0, 2));
+  EXPECT_EQ((std::vector<std::string>{"my", "my repo", "repo"}), ListDir(dir_.path()));
+
+  Restart();
+  base_ = dir_.file("absent/repo");
+  setenv("ZEL_BASE", base_.c_str(), 1);
+  ClearErrorCause();
+  EXPECT_EQ(ENOENT, Init(0, 1));
+  EXPECT_EQ("cannot create '" + base_ + "': No such file or directory", ErrorCause());
+}
+
+// A node whose host does not resolve is skipped with a warning; only a list
+// of which no node is usable fails.
+TEST_F(StoreTest, UnresolvableNodeIsSkipped) {
+  MakeRepo();
+  WriteFile(base_ + "/zel.nodes", "1,0,no-such-host.invalid,,a\n2,0,127.0.0.1,7000,b\n");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(0, Init());
+  EXPECT_EQ("warning: node 1: cannot resolve host 'no-such-host.invalid'; node skipped\n",
+            testing::internal::GetCapturedStderr());
+  EXPECT_EQ(2u, GetNodeList().size());
+  EXPECT_EQ((NodeNameMap{{2, "b"}}), GetNodeNames());
+
+  Restart();
+  WriteFile(base_ + "/zel.nodes", "1,0,no-such-host.invalid,,a\n");
+  testing::internal::CaptureStderr();
+  EXPECT_NE(0, Init());
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ("cannot resolve host 'no-such-host.invalid' of node 1", ErrorCause());
 }
 
 TEST_F(StoreTest, TestDirectoryNamedAfterPort) {

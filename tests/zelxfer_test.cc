@@ -77,6 +77,58 @@ TEST_F(ZelXferTest, SendMissingFileIsLocal810) {
   EXPECT_TRUE(localErr);
 }
 
+// A file that grew or shrank after its size was announced is not sent as if it
+// were whole: no "fcrc" goes out, and the failure is local (no other server).
+TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
+  const std::string data = Pattern(3000);
+  for (long long announced : {2000LL, 4000LL}) {
+    FakeServer srv;
+    srv.expect(MSG_TYPE_FPUT).receiveCutFile();
+    std::string path = dir_.file("src");
+    WriteFile(path, data);
+    Connection* k = connect(srv, MSG_TYPE_FPUT);
+    bool localErr = false;
+    ClearErrorCause();
+    EXPECT_EQ(E_XFER_FAILED, sendFile(k, path, announced, &localErr)) << announced;
+    EXPECT_TRUE(localErr);
+    EXPECT_EQ("file changed while being sent: '" + path + "'", ErrorCause());
+    delete conn_;  // the dropped connection ends the server's wait
+    conn_ = nullptr;
+    ASSERT_TRUE(srv.waitDone(5000));
+    auto files = srv.files();
+    ASSERT_EQ(1u, files.size());
+    EXPECT_LE(files[0].data.size(), static_cast<size_t>(announced));  // never more than announced
+  }
+}
+
+// More bytes than announced fail like a bad checksum and leave nothing behind.
+TEST_F(ZelXferTest, ReceiveLongerThanAnnouncedFails) {
+  struct {
+    const char* what;
+    void (*script)(FakeServer&);
+    long long size;
+  } cases[] = {
+      {"one long chunk", [](FakeServer& s) { s.sendFile("hello world"); }, 5},
+      {"an extra chunk before fcrc",
+       [](FakeServer& s) {
+         s.reply(MSG_TYPE_FDATA, "hello").reply(MSG_TYPE_FDATA, "x").reply(MSG_TYPE_FCRC, "abcd");
+       },
+       5},
+  };
+  for (const auto& c : cases) {
+    FakeServer srv;
+    srv.expect(MSG_TYPE_FGET);
+    c.script(srv);
+    Connection* k = connect(srv);
+    unsigned int crc = 0;
+    bool localErr = true;
+    EXPECT_EQ(E_XFER_FAILED, receiveFile(k, dir_.file("t"), c.size, false, &crc, &localErr, true))
+        << c.what;
+    EXPECT_FALSE(localErr) << c.what;
+    EXPECT_TRUE(ListDir(dir_.path()).empty()) << c.what;
+  }
+}
+
 TEST_F(ZelXferTest, ReceiveFileSizes) {
   for (size_t size : {size_t(0), size_t(2500000)}) {
     FakeServer srv;

@@ -88,6 +88,9 @@ class Connection {
   virtual bool isAuthenticated() const = 0;
   // Makes the next message count as the first one again.
   virtual void setFirstMessage() = 0;
+  // Per-wait time-outs of this connection's transfers (a node talking to another
+  // node waits far less than a client); negative keeps the process-wide value.
+  virtual void setTimeouts(int sendMs, int recvMs) = 0;
   // The cluster id of this end, compared with the peer's on the first message
   // (0: unknown, no check).
   virtual void setClientClusterId(unsigned long long id) = 0;
@@ -113,6 +116,10 @@ class ConnImplementation : public Connection {
   void setBroken() override { broken_ = true; }
   bool isAuthenticated() const override { return authenticated_; }
   void setFirstMessage() override { firstMsg_ = true; }
+  void setTimeouts(int sendMs, int recvMs) override {
+    sendMs_ = sendMs;
+    recvMs_ = recvMs;
+  }
   void setClientClusterId(unsigned long long id) override { clientClusterId_ = id; }
   const SdrSecInfo& secInfo() const { return secInfo_; }
 
@@ -123,6 +130,8 @@ class ConnImplementation : public Connection {
   bool authenticated_ = false;
   int sock_;
   SdrSecInfo secInfo_;
+  int sendMs_ = -1;
+  int recvMs_ = -1;
   unsigned long long clientClusterId_;
 };
 

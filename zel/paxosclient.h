@@ -122,7 +122,7 @@ int PaxosSetConfig(const NodeList* nodes, const DiskList* disks, int minNodes, i
 // ends with "seq_commit". *uid takes the identifier the server assigns.
 int doUpdateRequest(Connection* conn, int mt, const char* body, int len, UpdateId* uid,
                     ClientRetry* retry, int* seq, CommittedState* committed,
-                    const std::string& localPath, int fileSize);
+                    const std::string& localPath, long long fileSize);
 
 // Stores a server's committed state in the local state file when it is newer
 // than the client's and then fetches a newer node list.

@@ -532,6 +532,12 @@ class Dblock {
   char* dump(char* p) const;
   // Fails on an input presence value above 1.
   const char* load(const char* p, const char* end);
+  // The encoding without its committed state, which comes last: messages that
+  // carry several blocks of one state send that state once. loadHead leaves
+  // committed as it was.
+  int getHeadSize() const;
+  char* dumpHead(char* p) const;
+  const char* loadHead(const char* p, const char* end);
   std::string toString() const;
   bool operator==(const Dblock& o) const;
   bool operator!=(const Dblock& o) const { return !(*this == o); }

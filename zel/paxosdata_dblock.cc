@@ -77,23 +77,30 @@ void Dblock::applyInp() {
   reset(seq + 1, committed);
 }
 
-int Dblock::getSize() const {
+int Dblock::getHeadSize() const {
   int n = SizeVarUInt(seq, 0) + ballotsSize(mbal, bal) + 1;
   if (inp.type != ProposedUpdate::noUpdate) n += inp.getSize();
-  return n + SizeVarUInt(leaderChallengeVersion, 0) + committed.getSize();
+  return n + SizeVarUInt(leaderChallengeVersion, 0);
 }
 
-char* Dblock::dump(char* p) const {
+int Dblock::getSize() const {
+  return getHeadSize() + committed.getSize();
+}
+
+char* Dblock::dumpHead(char* p) const {
   p = DumpVarUInt(p, seq, 0);
   p = dumpBallots(p, mbal, bal);
   bool present = inp.type != ProposedUpdate::noUpdate;
   p = DumpVarUInt(p, present ? 1 : 0, 0);
   if (present) p = inp.dump(p);
-  p = DumpVarUInt(p, leaderChallengeVersion, 0);
-  return committed.dump(p);
+  return DumpVarUInt(p, leaderChallengeVersion, 0);
 }
 
-const char* Dblock::load(const char* p, const char* end) {
+char* Dblock::dump(char* p) const {
+  return committed.dump(dumpHead(p));
+}
+
+const char* Dblock::loadHead(const char* p, const char* end) {
   p = LoadVarUInt(p, end, &seq, 0);
   p = loadBallots(p, end, &mbal, &bal);
   int present = 0;
@@ -104,8 +111,11 @@ const char* Dblock::load(const char* p, const char* end) {
   } else {
     inp.reset();
   }
-  p = LoadVarUInt(p, end, &leaderChallengeVersion, 0);
-  return committed.load(p, end);
+  return LoadVarUInt(p, end, &leaderChallengeVersion, 0);
+}
+
+const char* Dblock::load(const char* p, const char* end) {
+  return committed.load(loadHead(p, end), end);
 }
 
 std::ostream& operator<<(std::ostream& os, const Dblock& b) {

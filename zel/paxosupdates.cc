@@ -45,7 +45,7 @@ int strSize(const std::string& s) {
 // the current update id.
 template <typename Fn>
 int runUpdate(const char* name, int mt, int* seq, CommittedState* committed,
-              const std::string& localPath, int fileSize, Fn makeBody) {
+              const std::string& localPath, long long fileSize, Fn makeBody) {
   UpdateId uid;
   return PaxosRequest(name, [&](Connection* conn, ClientRetry* retry) {
     std::string body = makeBody(uid);
@@ -58,7 +58,7 @@ int runUpdate(const char* name, int mt, int* seq, CommittedState* committed,
 
 int doUpdateRequest(Connection* conn, int mt, const char* body, int len, UpdateId* uid,
                     ClientRetry* retry, int* seq, CommittedState* committed,
-                    const std::string& localPath, int fileSize) {
+                    const std::string& localPath, long long fileSize) {
   const bool uidWasZero = uid->isNull();
   int rc = conn->send(mt, body, len);
   if (rc != 0) return rc;
@@ -136,11 +136,18 @@ int PaxosValueDel(const std::string& name, int* seq, CommittedState* committed, 
 int PaxosFilePut(const std::string& name, const std::string& localPath, int* seq,
                  CommittedState* committed, int condVersion, int newVersion) {
   trace(4, "FPUT('%s', '%s')", name.c_str(), localPath.c_str());
-  int fileSize = -1;
+  long long fileSize = -1;
   int rc = getFileSize(localPath, &fileSize);
   if (rc != 0) {
     trace(4, "FPUT: get file size of '%s' failed: err %d", localPath.c_str(), rc);
+    SetErrorCause("cannot read '%s': %s", localPath.c_str(), errcodeToString(rc));
     return rc;
+  }
+  if (fileSize > kMaxXferFileBytes) {
+    // Refused before anything is sent: the request cannot announce the size.
+    SetErrorCause("'%s' is too large to store (%lld bytes; at most %lld)", localPath.c_str(),
+                  fileSize, kMaxXferFileBytes);
+    return E_FBIG;
   }
   int size = strSize(name) + SizeVarUInt(fileSize, -1) + SizeVarUInt(condVersion, -1) +
              SizeVarUInt(newVersion, -1);

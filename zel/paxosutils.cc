@@ -146,3 +146,34 @@ const char* LoadString(const char* p, const char* end, std::string* out) {
   out->assign(p, zp);
   return zp + 1;
 }
+
+bool ParseDecimalU64(const char* text, unsigned long long* out) {
+  if (text == nullptr || *text == '\0') return false;
+  unsigned long long v = 0;
+  for (const char* p = text; *p; p++) {
+    if (*p < '0' || *p > '9') return false;
+    unsigned d = static_cast<unsigned>(*p - '0');
+    if (v > (ULLONG_MAX - d) / 10) return false;
+    v = v * 10 + d;
+  }
+  *out = v;
+  return true;
+}
+
+bool ParseDecimal(const char* text, long long min, long long max, long long* out) {
+  if (text == nullptr) return false;
+  bool neg = *text == '-';
+  unsigned long long mag = 0;
+  if (!ParseDecimalU64(neg ? text + 1 : text, &mag)) return false;
+  long long v;
+  if (neg) {
+    if (mag > static_cast<unsigned long long>(LLONG_MAX) + 1) return false;
+    v = static_cast<long long>(0ULL - mag);
+  } else {
+    if (mag > static_cast<unsigned long long>(LLONG_MAX)) return false;
+    v = static_cast<long long>(mag);
+  }
+  if (v < min || v > max) return false;
+  *out = v;
+  return true;
+}

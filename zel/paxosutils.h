@@ -24,8 +24,22 @@ void trace(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3))
                                 const char* fmt = nullptr, ...)
     __attribute__((format(printf, 4, 5)));
 std::string assert_msg(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-// Reads ZEL_DEBUG and ZEL_TRACE.
+// Reads ZEL_DEBUG and ZEL_TRACE (an unset, empty or malformed one leaves its
+// setting at 0; the front end rejects malformed ones before this runs).
 void InitPaxosUtils();
+
+// One line that says what caused the latest failure (a path, a host, a file
+// line), shown by the front end after the command's own message. Empty when
+// nothing was recorded.
+void SetErrorCause(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+const std::string& ErrorCause();
+void ClearErrorCause();
+
+// Whole-text decimal conversion: an optional "-", then digits only, the value
+// within [min, max]. False for anything else (empty, blanks, "+", overflow).
+bool ParseDecimal(const char* text, long long min, long long max, long long* out);
+// The same for an unsigned 64-bit value (no sign allowed).
+bool ParseDecimalU64(const char* text, unsigned long long* out);
 
 #define ZASSERT(cond) ((cond) ? (void)0 : assert_failed(__FILE__, __LINE__, #cond))
 // With the condition text given explicitly, as the messages must name it.

@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "platform/ptemp.h"
 #include "platform/ptrace.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
@@ -60,12 +61,20 @@ int mainBody(int argc, char** argv) {
   trace(1, "called: '%s'", cmdLine.c_str());
 
   ZelSettings s;
-  if (ParseOptions(argc, argv, &s) != 0) usageExit("invalid option");
+  if (ParseOptions(argc, argv, &s) != 0) {
+    usageExit(s.usageError.empty() ? "invalid option" : s.usageError.c_str());
+  }
+  std::string badEnv = checkEnvironment();
+  if (!badEnv.empty()) usageExit(badEnv.c_str());
+  // Ctrl-C or a kill during a transfer takes the partial file with it.
+  PlatInstallTempCleanup();
   // -V raises the diagnostics level above what ZEL_DEBUG gives.
   zelTraceBoost = s.traceLevel;
   InitZelTrace();
 
   int rc = RunSubcommand(s);
+  // The cause, when one was recorded, follows the command's own message.
+  if (rc != 0 && !ErrorCause().empty()) fprintf(stderr, "%s\n", ErrorCause().c_str());
   int status = ExitStatusFor(rc);
   fflush(stdout);
   closeTraceDevice();

@@ -10,9 +10,23 @@
 // At most this many quorum nodes; the shared disks have this many slots.
 constexpr int kMaxZelNodes = 8;
 
+// The fixed files through which the lists travel to and from the repository,
+// and the lock file beside them that one command at a time holds while it uses
+// them (fetch to install, write to commit).
+constexpr char kTmpNodesFile[] = "/tmp/zel.nodes";
+constexpr char kTmpDisksFile[] = "/tmp/zel.disks";
+constexpr char kTmpListsLock[] = "/tmp/zel.lists.lock";
+// How long a command waits for another to finish with them.
+constexpr long long kTmpListsWaitMs = 120000;
+
+class PlatLockFile;
+// Takes the lock; on failure reports it on stderr and returns the error.
+int lockTmpLists(PlatLockFile* lock);
+
 // Fetch the repository's "zel.nodes" / "zel.disks" (through the fixed
 // temporary files, always removed), fill the list, seq and committed state,
-// and make the list this host's own. Failures are reported on stderr.
+// and make the list this host's own. Failures are reported on stderr. An empty
+// node list from the repository is refused (812): it never replaces the local one.
 int getNodeList(int* seq, CommittedState* committed, Nodes* nodes);
 int getDiskList(int* seq, CommittedState* committed, DiskMap* disks);
 

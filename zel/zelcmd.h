@@ -28,11 +28,16 @@ struct ZelSettings {
   ZelArgs diskArgs;                  // -d items
   std::string diskDir;               // -D
   ZelArgs args;                      // positional arguments
+  std::string usageError;            // why ParseOptions refused the command line
 };
 
 // Parses options from argv[2] on (argv[1] is the subcommand). Returns 0, or -1
-// after an invalid option. Prints the -D note itself.
+// after an invalid option or a value that is not a number in range (then
+// s->usageError names it). Prints the -D note itself.
 int ParseOptions(int argc, char** argv, ZelSettings* s);
+// The first of ZEL_PORT, ZEL_DEBUG and ZEL_TRACE that is set, not empty and not
+// a number in range, as a usage error text; empty when all are well formed.
+std::string checkEnvironment();
 
 // The usage text with pgm in place of the program name.
 std::string UsageText(const std::string& pgm);
@@ -121,6 +126,9 @@ int parseNodeListDefaultLocal(const ZelArgs& items, Nodes* nodes, bool requireSe
 // Fills disks from the items; diskDir must be empty or absolute. Stops at the
 // first bad label with 22.
 int parseDiskList(const ZelArgs& items, const std::string& diskDir, DiskMap* disks);
+// The first node item whose id or port is not a number in range, as a usage
+// error text naming it; empty when every item is well formed.
+std::string checkNodeArgs(const ZelArgs& items);
 // "addr:port", or "[addr]:port" for IPv6.
 std::string locToString(const std::string& addr, int port);
 // The resolved address text (IPv4 preferred), empty when host does not resolve.

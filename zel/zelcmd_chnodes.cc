@@ -79,6 +79,19 @@ bool verifyQuorum(const Nodes& nodes, const Nodes& newNodes, int required) {
   return false;
 }
 
+// The text of a node that the list holds twice (by id, or at one address and
+// port); empty when there is none. The change counts each node once.
+std::string duplicateNode(const Nodes& list) {
+  std::set<int> ids;
+  std::set<NodeLocation> locs;
+  for (const Node& n : list) {
+    if ((n.id >= 0 && !ids.insert(n.id).second) || !locs.insert(n.addr).second) {
+      return "'" + n.name + "' (" + locToString(n.addr.addr, n.addr.port) + ")";
+    }
+  }
+  return std::string();
+}
+
 // Writes the list to the repository and to the local file.
 int saveNodes(const Nodes& nodes, const char* saveFailFmt) {
   int rc = commitNodeCfg(nodes);
@@ -106,6 +119,14 @@ int ChNodesCommand(const ZelSettings& s, const ZelArgs&) {
 
   Nodes newNodes;
   if (parseNodeList(s.nodeArgs, &newNodes, false) != 0) return E_INVAL;
+  std::string dup = duplicateNode(newNodes);
+  if (!dup.empty()) usageExit(("node list names " + dup + " twice").c_str());
+  dup = duplicateNode(curNodes);
+  if (!dup.empty()) {
+    fprintf(stderr, "Failed to retrieve current node list (err %d)\n", E_IO);
+    SetErrorCause("the repository's node list names %s twice", dup.c_str());
+    return E_IO;
+  }
 
   std::set<NodeLocation> newAddrs;
   for (const Node& n : newNodes) newAddrs.insert(n.addr);

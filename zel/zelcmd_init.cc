@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/kxconnect.h"
 #include "zel/kxsec.h"
 #include "zel/paxosclient.h"
@@ -16,9 +17,6 @@
 #include "zel/zelmsg.h"
 
 namespace {
-
-const char kTmpNodes[] = "/tmp/zel.nodes";
-const char kTmpDisks[] = "/tmp/zel.disks";
 
 // Size and encoding of the disk part shared by "init" and "pxinit".
 int disksSize(const DiskMap& disks) {
@@ -41,7 +39,10 @@ char* dumpDisks(char* p, const DiskMap& disks) {
 template <typename List>
 int commitList(const char* name, const char* tmpPath, const List& list,
                int (*writeFn)(const std::string&, const List&)) {
-  int rc = writeFn(tmpPath, list);
+  PlatLockFile lock;
+  int rc = lockTmpLists(&lock);
+  if (rc != 0) return rc;
+  rc = writeFn(tmpPath, list);
   if (rc != 0) return rc;
   int seq = 0;
   CommittedState committed;
@@ -53,11 +54,11 @@ int commitList(const char* name, const char* tmpPath, const List& list,
 }  // namespace
 
 int commitNodeCfg(const Nodes& nodes) {
-  return commitList("zel.nodes", kTmpNodes, nodes, writeNodeList);
+  return commitList("zel.nodes", kTmpNodesFile, nodes, writeNodeList);
 }
 
 int commitDiskCfg(const DiskMap& disks) {
-  return commitList("zel.disks", kTmpDisks, disks, writeDiskList);
+  return commitList("zel.disks", kTmpDisksFile, disks, writeDiskList);
 }
 
 int InitNodes(unsigned long long clusterId, const Nodes& targets, const Nodes& nodes,
@@ -128,10 +129,11 @@ int InitSharedDisks(const Nodes& nodes, const DiskMap& disks, const Dblock& bloc
 }
 
 int SetupCommand(const ZelSettings& s, const ZelArgs&) {
+  // Arguments first: nothing is created for a command that is refused.
+  if (isTestInstall && s.certFile.empty()) usageExit("-c paramter missing");
   ZELLockInit();
   int rc = InitZELIO(s.portOpt, s.force ? 2 : 1, true);
   if (rc != 0) return rc;
-  if (isTestInstall && s.certFile.empty()) usageExit("-c paramter missing");
   if (s.nodeArgs.empty()) return 0;
   rc = InitSecurity();
   if (rc != 0) {
@@ -142,7 +144,7 @@ int SetupCommand(const ZelSettings& s, const ZelArgs&) {
   rc = parseNodeList(s.nodeArgs, &nodes, true);
   if (rc != 0) return rc;
   rc = SetNodeList(nodes, false);
-  ZASSERT_T(rc == E_OK, "err == E_OK");
+  if (rc != 0) return rc;  // two items for this host, say
   PaxosInit();
   int seq = 0;
   CommittedState committed;

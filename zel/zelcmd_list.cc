@@ -1,19 +1,20 @@
 // The listings lsnodes, lsdisks and config, and the fetch of the repository's
 // node and disk lists that they share with the configuration changes.
+#include <errno.h>
 #include <stdio.h>
 
 #include <map>
 #include <set>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/paxosclient.h"
+#include "zel/paxosutils.h"
 #include "zel/zeladmin.h"
 #include "zel/zelcmd.h"
+#include "zel/zelerr.h"
 
 namespace {
-
-const char kTmpNodes[] = "/tmp/zel.nodes";
-const char kTmpDisks[] = "/tmp/zel.disks";
 
 const char* boolText(bool b) {
   return b ? "true" : "false";
@@ -97,15 +98,35 @@ int listDisks(const ZelSettings& s) {
 
 }  // namespace
 
+int lockTmpLists(PlatLockFile* lock) {
+  int rc = lock->lock(kTmpListsLock, kTmpListsWaitMs);
+  if (rc != 0) {
+    fprintf(stderr, "Cannot lock '%s' (err %d)\n", kTmpListsLock, rc);
+    SetErrorCause("%s", rc == ETIMEDOUT ? "another kxzel command kept the lock"
+                        : rc == E_INVAL ? "the lock file is not a regular file"
+                                        : PlatStrError(rc));
+  }
+  return rc;
+}
+
 int getNodeList(int* seq, CommittedState* committed, Nodes* nodes) {
-  int rc = fetchList("zel.nodes", kTmpNodes, seq, committed, nodes, readNodeList);
+  PlatLockFile lock;
+  int rc = lockTmpLists(&lock);
+  if (rc == 0) rc = fetchList("zel.nodes", kTmpNodesFile, seq, committed, nodes, readNodeList);
+  if (rc == 0 && nodes->empty()) {
+    // Installing it would leave this host without any server to ask.
+    SetErrorCause("the repository's node list is empty");
+    rc = E_NODELIST_EMPTY;
+  }
   if (rc == 0) rc = SetNodeList(*nodes, true);
   if (rc != 0) fprintf(stderr, "Failed to retrieve current node list (err %d)\n", rc);
   return rc;
 }
 
 int getDiskList(int* seq, CommittedState* committed, DiskMap* disks) {
-  int rc = fetchList("zel.disks", kTmpDisks, seq, committed, disks, readDiskList);
+  PlatLockFile lock;
+  int rc = lockTmpLists(&lock);
+  if (rc == 0) rc = fetchList("zel.disks", kTmpDisksFile, seq, committed, disks, readDiskList);
   if (rc == 0) rc = SetDiskList(*disks);
   if (rc != 0) fprintf(stderr, "Failed to retrieve current disk list (err %d)\n", rc);
   return rc;

@@ -99,7 +99,9 @@ int FgetCommand(const ZelSettings& s, const ZelArgs& args) {
     return rc;
   }
   auto v = committed.fileList.find(fileId);
-  printf("fget:%d\n", v == committed.fileList.end() ? 0 : v->second.version);
+  // Standard output carried the file itself.
+  fprintf(zelStdoutIsData ? stderr : stdout, "fget:%d\n",
+          v == committed.fileList.end() ? 0 : v->second.version);
   return 0;
 }
 
@@ -126,7 +128,7 @@ int RefreshCommand(const ZelSettings& s, const ZelArgs&) {
     Nodes nodes;
     if (parseNodeList(s.nodeArgs, &nodes, true) != 0) return E_INVAL;
     rc = SetNodeList(nodes, false);
-    ZASSERT_T(rc == E_OK, "err == E_OK");
+    if (rc != 0) return rc;
   }
   PaxosInit();
   return PaxosDiscover();

@@ -80,7 +80,13 @@ int RunSubcommand(const ZelSettings& s) {
     usageExit("missing or extraneous arguments");
   }
   if (row->check != ArgCheck::kAny) argCountCheck(nargs, row->nargs, row->what);
+  // Malformed numbers in node items are usage errors, found before anything is
+  // created or sent.
+  std::string bad = checkNodeArgs(s.nodeArgs);
+  if (!bad.empty()) usageExit(bad.c_str());
 
+  // fget with an empty local path streams the file to standard output.
+  if (row->handler == FgetCommand && s.args[1].empty()) zelStdoutIsData = true;
   int rc = 0;
   if (row->startup == Startup::kFull || row->startup == Startup::kLocal) {
     rc = doInit(s, row->startup == Startup::kFull);

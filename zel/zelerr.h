@@ -9,6 +9,7 @@ enum ZelErr {
   E_IO = 5,
   E_NOMEM = 12,
   E_INVAL = 22,
+  E_FBIG = 27,
   E_RANGE = 34,
 
   E_ZEL_OK = 128,

@@ -2,18 +2,16 @@
 
 #include <errno.h>
 #include <libgen.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/paxosutils.h"
 
 std::string tmpFileName(const std::string& path) {
-  unsigned int tid = static_cast<unsigned int>(syscall(SYS_gettid));
-  return path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(tid);
+  return PlatTmpName(path);
 }
 
 int renameReplaceIfTargetExists(const std::string& src, const std::string& target) {
@@ -63,7 +61,7 @@ std::string ParseDirFromPath(const std::string& path) {
   return dir;
 }
 
-int getFileSize(const std::string& path, int* fSizeP) {
+int getFileSize(const std::string& path, long long* fSizeP) {
   ZASSERT_T(fSizeP != nullptr, "fSizeP");
   *fSizeP = -1;
   struct stat st;
@@ -72,7 +70,7 @@ int getFileSize(const std::string& path, int* fSizeP) {
     trace(3, "Get status for file '%s' failed (%d)", path.c_str(), rc);
     return rc;
   }
-  *fSizeP = static_cast<int>(st.st_size);
-  trace(5, "Size of file '%s': %d bytes", path.c_str(), *fSizeP);
+  *fSizeP = static_cast<long long>(st.st_size);
+  trace(5, "Size of file '%s': %lld bytes", path.c_str(), *fSizeP);
   return 0;
 }

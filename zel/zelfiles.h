@@ -20,7 +20,7 @@ std::string ParseFileNameFromPath(const std::string& path);
 // The POSIX directory name: "." for a bare name, "/" for a name under the root.
 std::string ParseDirFromPath(const std::string& path);
 
-// *fSize = -1, then the file's size truncated to int. Returns 0 or the error number.
-int getFileSize(const std::string& path, int* fSize);
+// *fSize = -1, then the file's size. Returns 0 or the error number.
+int getFileSize(const std::string& path, long long* fSize);
 
 #endif  // ZEL_ZELFILES_H

@@ -4,11 +4,13 @@
 #include "zel/zelglobals.h"
 
 #include "platform/pclock.h"
+#include "platform/pfile.h"
 #include "platform/psock.h"
 #include "zel/cachedcomm.h"
 #include "zel/kxcomm.h"
 #include "zel/kxsec.h"
 #include "zel/paxosclient.h"
+#include "zel/paxosutils.h"
 #include "zel/zellock.h"
 #include "zel/zelutils.h"
 
@@ -27,6 +29,7 @@
   X(bool, isTrovInstall, true)                         \
   X(bool, isTestInstall, false)                        \
   X(int, zelTraceBoost, 0)                             \
+  X(bool, zelStdoutIsData, false)                      \
   X(std::string, zelBaseDir, std::string())            \
   X(std::string, zelCertFilePath, std::string())       \
   X(std::string, zelKeyFilePath, std::string())        \
@@ -73,6 +76,8 @@ void ResetProcessState() {
   SetServerConnectFnForTest(nullptr);
   SetClientCacheFnForTest(nullptr);
   ZELLockInit();
+  ClearErrorCause();
+  PlatSetFsOps(nullptr);
   PlatSetSleepFn(nullptr);
   PlatSetNowFn(nullptr);
   PlatSetConnectFn(nullptr);

@@ -32,6 +32,7 @@ extern Node zelMyNode;                     // copy of the local node's entry
 extern bool isTrovInstall;                 // product installation under /var/kolt
 extern bool isTestInstall;                 // allows ZEL_BASE and /tmp/zel[.PORT]
 extern int zelTraceBoost;                  // added to the ZEL_DEBUG level (the -V count)
+extern bool zelStdoutIsData;               // stdout carries a file (fget): notes go to stderr
 extern std::string zelBaseDir;             // the repository directory
 extern std::string zelCertFilePath;        // this node's certificate
 extern std::string zelKeyFilePath;         // this node's private key
@@ -72,7 +73,8 @@ extern std::string pgmName;  // argv[0], for the usage text
 // - kxsec.cc: the authorized-keys lists and key paths (ShutdownSecurity);
 // - paxosclient.cc / paxosreply.cc: the connect and client-cache seams;
 // - zellock.cc: the five lock slots;
-// - platform/: the clock, sleep and connect seams.
+// - zeltrace.cc: the recorded cause of the latest failure (ClearErrorCause);
+// - platform/: the clock, sleep, connect and file-system seams.
 // Kept for the life of the process: the listen wake-up socket pair, the loaded
 // TLS library, and the shuffle seed.
 

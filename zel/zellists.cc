@@ -1,8 +1,11 @@
 // The node-list and disk-list files: comma-separated text, one entry a line.
+#include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
@@ -17,9 +20,8 @@ bool allDigits(const std::string& s) {
   return true;
 }
 
-int toInt(const std::string& digits) {
-  long long v = strtoll(digits.c_str(), nullptr, 10);
-  return static_cast<int>(v);
+void badLine(const char* path, int lineNo, const std::string& line, const char* form) {
+  SetErrorCause("%s line %d: '%s' is not %s", path, lineNo, line.c_str(), form);
 }
 
 // Only the lowest bit of the decimal value counts: the parity of the last digit.
@@ -41,16 +43,16 @@ std::vector<std::string> splitFields(const std::string& line, int maxSplits) {
   return fields;
 }
 
-// The file's lines; a file that cannot be opened has none.
+// The file's lines; a file that cannot be opened, or is not a regular file,
+// has none.
 std::vector<std::string> readLines(const char* path) {
   std::vector<std::string> lines;
-  FILE* f = fopen(path, "r");
-  if (f == nullptr) return lines;
+  PlatFd fd;
+  if (PlatOpenRegular(path, O_RDONLY, fd.out()) != 0) return lines;
   std::string text;
   char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-  fclose(f);
+  size_t n = 0;
+  while (PlatRead(fd.get(), buf, sizeof buf, &n) == 0 && n > 0) text.append(buf, n);
   size_t start = 0;
   while (start < text.size()) {
     size_t nl = text.find('\n', start);
@@ -61,23 +63,19 @@ std::vector<std::string> readLines(const char* path) {
   return lines;
 }
 
-// Rewrites the file in place (no temporary, no sync), flushing after each line.
+// Replaces the file as a whole (temporary file, sync, rename, directory sync),
+// so that a reader or a crash never sees it torn and a link planted at its name
+// is replaced, not followed.
 int writeLines(const std::string& path, const char* who, const std::vector<std::string>& lines) {
   char cpath[kPlatPathMax];
   int rc = PlatPathConvert(path.c_str(), cpath, sizeof cpath);
   if (rc != 0) return rc;
-  bool ok = false;
-  FILE* f = fopen(cpath, "w");
-  if (f != nullptr) {
-    for (const std::string& line : lines) {
-      fprintf(f, "%s\n", line.c_str());
-      fflush(f);
-    }
-    ok = fflush(f) == 0 && !ferror(f);
-    if (fclose(f) != 0) ok = false;
-  }
-  trace(4, "%s('%s') ok %d", who, cpath, ok ? 1 : 0);
-  return ok ? 0 : E_IO;
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  rc = PlatAtomicReplace(cpath, text.data(), text.size(), 0644);
+  trace(4, "%s('%s') ok %d", who, cpath, rc == 0 ? 1 : 0);
+  if (rc != 0) SetErrorCause("cannot write '%s': %s", cpath, PlatStrError(rc));
+  return rc == 0 ? 0 : E_IO;
 }
 
 }  // namespace
@@ -88,15 +86,18 @@ int readNodeList(const std::string& path, Nodes* list) {
   if (rc != 0) return rc;
   list->clear();
   int nErr = 0;
+  int lineNo = 0;
   for (const std::string& line : readLines(cpath)) {
+    lineNo++;
     std::vector<std::string> f = splitFields(line, 4);
+    long long id = 0, port = defaultPort;
     if (f.size() != 5 || !allDigits(f[0]) || !allDigits(f[1]) ||
-        (!f[3].empty() && !allDigits(f[3]))) {
-      nErr++;
+        (!f[3].empty() && !allDigits(f[3])) || !ParseDecimal(f[0].c_str(), 0, INT_MAX, &id) ||
+        (!f[3].empty() && !ParseDecimal(f[3].c_str(), 1, 65535, &port))) {
+      if (nErr++ == 0) badLine(cpath, lineNo, line, "id,old,address,port,name");
       continue;
     }
-    int port = f[3].empty() ? static_cast<int>(defaultPort) : toInt(f[3]);
-    Node n(toInt(f[0]), f[4], NodeLocation(f[2], port));
+    Node n(static_cast<int>(id), f[4], NodeLocation(f[2], static_cast<int>(port)));
     n.old = oddFlag(f[1]);
     list->push_back(n);
   }
@@ -121,13 +122,17 @@ int readDiskList(const std::string& path, DiskMap* disks) {
   if (rc != 0) return rc;
   disks->clear();
   int nErr = 0;
+  int lineNo = 0;
   for (const std::string& line : readLines(cpath)) {
+    lineNo++;
     std::vector<std::string> f = splitFields(line, 2);
-    if (f.size() != 3 || !allDigits(f[0]) || !allDigits(f[1])) {
-      nErr++;
+    long long slot = 0;
+    if (f.size() != 3 || !allDigits(f[0]) || !allDigits(f[1]) ||
+        !ParseDecimal(f[0].c_str(), 0, INT_MAX, &slot)) {
+      if (nErr++ == 0) badLine(cpath, lineNo, line, "slot,old,name");
       continue;
     }
-    (*disks)[toInt(f[0])] = ZELDisk(f[2], oddFlag(f[1]));
+    (*disks)[static_cast<int>(slot)] = ZELDisk(f[2], oddFlag(f[1]));
   }
   trace(4, "readDiskList('%s') size %d nErr %d", cpath, static_cast<int>(disks->size()), nErr);
   return nErr > 0 ? E_IO : 0;

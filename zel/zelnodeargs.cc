@@ -1,5 +1,6 @@
 // Node and disk list arguments: items from -n / -p and -d turned into node sets
 // and disk maps, checked against the locally known cluster.
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -15,12 +16,65 @@ int itemDefaultPort() {
   return zelPort > 0 ? zelPort : static_cast<int>(defaultPort);
 }
 
+// The id of a digits-only text, or -1 when it does not fit a node id.
 int toId(const std::string& digits) {
-  long long v = strtoll(digits.c_str(), nullptr, 10);
+  long long v = -1;
+  if (!ParseDecimal(digits.c_str(), 0, INT_MAX, &v)) return -1;
   return static_cast<int>(v);
 }
 
+// The numbers of one node item as text, split as parseNodeList splits it.
+struct ItemNumbers {
+  bool hasId = false;
+  std::string id;
+  bool hasPort = false;
+  std::string port;
+};
+
+ItemNumbers itemNumbers(const std::string& item) {
+  ItemNumbers r;
+  size_t pos = item.find_first_not_of("0123456789");
+  if (pos == std::string::npos) {
+    r.hasId = true;
+    r.id = item;
+    return r;
+  }
+  std::string text = item;
+  if (pos > 0 && item[pos] == '=' && pos + 1 < item.size()) {
+    r.hasId = true;
+    r.id = item.substr(0, pos);
+    text = item.substr(pos + 1);
+  }
+  size_t close = text.rfind(']');
+  if (!text.empty() && text[0] == '[' && close != std::string::npos) {
+    if (close + 1 == text.size()) return r;
+    r.hasPort = true;
+    r.port = text[close + 1] == ':' ? text.substr(text.rfind(':') + 1) : text.substr(close + 1);
+    return r;
+  }
+  size_t colon = text.rfind(':');
+  if (colon != std::string::npos) {
+    r.hasPort = true;
+    r.port = text.substr(colon + 1);
+  }
+  return r;
+}
+
+bool validPort(const std::string& text) {
+  long long v = 0;
+  return ParseDecimal(text.c_str(), 1, 65535, &v);
+}
+
 }  // namespace
+
+std::string checkNodeArgs(const ZelArgs& items) {
+  for (const std::string& item : items) {
+    ItemNumbers n = itemNumbers(item);
+    if (n.hasId && toId(n.id) < 0) return "invalid node id '" + n.id + "' in '" + item + "'";
+    if (n.hasPort && !validPort(n.port)) return "invalid port '" + n.port + "' in '" + item + "'";
+  }
+  return std::string();
+}
 
 std::string GetHostByName(const std::string& host) {
   CommAddr ca;
@@ -77,6 +131,12 @@ int parseNodeList(const ZelArgs& items, Nodes* out, bool assignIds) {
           continue;
         }
         text = item.substr(pos + 1);
+      }
+      ItemNumbers nums = itemNumbers(item);
+      if (nums.hasPort && !validPort(nums.port)) {
+        fprintf(stderr, "Invalid port '%s' in '%s'\n", nums.port.c_str(), item.c_str());
+        nBad++;
+        continue;
       }
       int port = 0;
       splitHostPort(text, &host, &port, itemDefaultPort());
@@ -144,8 +204,12 @@ int parseNodeListDefaultLocal(const ZelArgs& items, Nodes* out, bool requireServ
 }
 
 int parseDiskList(const ZelArgs& items, const std::string& diskDir, DiskMap* disks) {
-  ZASSERT_T(diskDir.empty() || IsAbsPath(diskDir), "diskDir.empty() || IsAbsPath(diskDir)");
   disks->clear();
+  if (!diskDir.empty() && !IsAbsPath(diskDir)) {
+    // The option parser refuses it; a caller that did not is told here.
+    fprintf(stderr, "Disk directory '%s' is not an absolute path\n", diskDir.c_str());
+    return E_INVAL;
+  }
   int n = 0;
   for (const std::string& item : items) {
     if (item.empty()) continue;

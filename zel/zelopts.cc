@@ -1,5 +1,6 @@
 // Option parsing, the usage text and the exit-status mapping.
 #include <getopt.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -27,11 +28,25 @@ const char kUsage[] =
     "repository\n  fget [-c version ] name localpath   -- retrieve named file from repository "
     "into localpath\n  fdel [-c version ] name             -- deleted named file from "
     "repository\n\nCommon options:\n  -P port: port number\n  -F: force (override "
-    "warning)\n\nSubcommand specific options:\n  -c version: conditionally put/get\n  -v "
-    "version: store as specified version\n";
+    "warning)\n  -V: more diagnostic output (repeatable)\n\nSubcommand specific options:\n  -c "
+    "version: conditionally put/get\n  -v version: store as specified version\n  -y: "
+    "colon-separated output (lsnodes, lsdisks, config)\n";
 
-int toInt(const char* text) {
-  return static_cast<int>(strtol(text, nullptr, 10));
+// Versions travel with a bias of -1 and decode up to 2^31 - 1: -1 (none) to
+// 2^31 - 2.
+constexpr long long kMaxVersion = 2147483646LL;
+
+// Stores the value of text in *out when it is a number in [min, max]; else
+// records a usage error naming the option and the text.
+bool toInt(const char* text, char opt, long long min, long long max, int* out, ZelSettings* s) {
+  long long v = 0;
+  if (!ParseDecimal(text, min, max, &v)) {
+    s->usageError = "invalid value '" + std::string(text) + "' for -" + opt + " (a number from " +
+                    std::to_string(min) + " to " + std::to_string(max) + ")";
+    return false;
+  }
+  *out = static_cast<int>(v);
+  return true;
 }
 
 // Appends the comma-separated pieces of text, empty ones included.
@@ -74,7 +89,8 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
         s->force = true;
         break;
       case 'P':
-        s->portOpt = toInt(optarg);
+        // 0 and below mean "no port given", as the store reads them.
+        if (!toInt(optarg, 'P', INT_MIN, 65535, &s->portOpt, s)) return -1;
         break;
       case 'p':
       case 'n':
@@ -83,7 +99,7 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
               static_cast<int>(s->nodeArgs.size()));
         break;
       case 'f':
-        s->fValue = toInt(optarg);
+        if (!toInt(optarg, 'f', INT_MIN, INT_MAX, &s->fValue, s)) return -1;
         break;
       case 'd':
         appendItems(optarg, &s->diskArgs);
@@ -93,6 +109,9 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
       case 'D':
         if (optarg[0] == '\0') {
           fputs("No directory for disks specified", stderr);
+        } else if (optarg[0] != '/') {
+          s->usageError = "disk directory '" + std::string(optarg) + "' is not an absolute path";
+          return -1;
         } else {
           s->diskDir = optarg;
           trace(4, "Given directory for disks: '%s'", optarg);
@@ -102,13 +121,17 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
         if (s->subcmd == "setup") {
           s->certFile = optarg;
         } else if (s->subcmd == "init") {
-          s->clusterId = strtoull(optarg, nullptr, 10);
-        } else {
-          s->condVersion = toInt(optarg);
+          if (!ParseDecimalU64(optarg, &s->clusterId)) {
+            s->usageError = "invalid cluster id '" + std::string(optarg) +
+                            "' for -c (a number from 0 to 18446744073709551615)";
+            return -1;
+          }
+        } else if (!toInt(optarg, 'c', -1, kMaxVersion, &s->condVersion, s)) {
+          return -1;
         }
         break;
       case 'v':
-        s->storeVersion = toInt(optarg);
+        if (!toInt(optarg, 'v', -1, kMaxVersion, &s->storeVersion, s)) return -1;
         break;
       default:
         return -1;
@@ -116,6 +139,22 @@ int ParseOptions(int argc, char** argv, ZelSettings* s) {
   }
   for (int i = optind; i < argc; i++) s->args.push_back(argv[i]);
   return 0;
+}
+
+std::string checkEnvironment() {
+  const struct {
+    const char* name;
+    long long min, max;
+  } kVars[] = {{"ZEL_PORT", 1, 65535}, {"ZEL_DEBUG", INT_MIN, INT_MAX}, {"ZEL_TRACE", 0, 255}};
+  for (const auto& var : kVars) {
+    const char* text = getenv(var.name);
+    long long v = 0;
+    // Empty counts as not set.
+    if (text == nullptr || *text == '\0' || ParseDecimal(text, var.min, var.max, &v)) continue;
+    return "invalid value '" + std::string(text) + "' for " + var.name + " (a number from " +
+           std::to_string(var.min) + " to " + std::to_string(var.max) + ")";
+  }
+  return std::string();
 }
 
 std::string UsageText(const std::string& pgm) {

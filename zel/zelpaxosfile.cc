@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
@@ -16,29 +18,55 @@
 namespace {
 
 constexpr int kStoreFmtVersion = 1;
+// A state holds one committed state, which travels in one message body; a file
+// far larger than that is not a state file and is not read into memory.
+constexpr long long kMaxStateFileBytes = 64LL << 20;
+
+// Header and body for format version 1, with the CRC set; empty when out of memory.
+std::vector<char> encodeStateFile(const PaxosFileData& pfd, unsigned long long clusterId,
+                                  int writerId) {
+  PaxosHeader h;
+  h.magic = kPaxosMagic;
+  h.fmtVersion = kStoreFmtVersion;
+  h.cid = clusterId;
+  h.lastWriterId = writerId;
+  int size = h.getSize() + pfd.getSize(kStoreFmtVersion);
+  h.len = static_cast<unsigned int>(size);
+  std::vector<char> data(static_cast<size_t>(size));
+  char* dataP = data.data();
+  char* bufP = h.dump(dataP);
+  bufP = pfd.dump(bufP, kStoreFmtVersion);
+  ZASSERT_T(bufP == dataP + size, "bufP == dataP + size");
+  h.setCRC(dataP, size);
+  return data;
+}
 
 }  // namespace
 
 int loadPaxosFile(const std::string& path, PaxosFileData* pfd, PaxosHeader* hdr,
                   unsigned long long* clusterId) {
-  int fd = -1;
-  int rc = PlatOpen(path.c_str(), O_RDONLY, 0, &fd);
+  PlatFd fd;
+  // A FIFO or a device here must not hang the command.
+  int rc = PlatOpenRegular(path.c_str(), O_RDONLY, fd.out());
   if (rc != 0) {
     trace(1, "Open %s failed (%d)", path.c_str(), rc);
+    if (rc == E_INVAL) SetErrorCause("'%s' is not a regular file", path.c_str());
     return rc;
   }
   struct stat st;
-  rc = PlatFstat(fd, &st);
-  ZASSERT_T(rc == 0, "rc == 0");
+  rc = PlatFstat(fd.get(), &st);
+  if (rc != 0) return rc;
+  if (st.st_size > kMaxStateFileBytes) {
+    SetErrorCause("'%s' is too large for a state file (%lld bytes)", path.c_str(),
+                  static_cast<long long>(st.st_size));
+    return E_BAD_PAXOS_DATA;
+  }
   size_t size = static_cast<size_t>(st.st_size);
   std::unique_ptr<char[]> buf(new (std::nothrow) char[size > 0 ? size : 1]);
-  if (!buf) {
-    PlatClose(fd);
-    return E_NOMEM;
-  }
+  if (!buf) return E_NOMEM;
   size_t got = 0;
-  rc = PlatRead(fd, buf.get(), size, &got);
-  PlatClose(fd);
+  rc = PlatRead(fd.get(), buf.get(), size, &got);
+  fd.reset();
   if (got < size) {
     trace(1, "PaxosFileData::loadFromFile() failed: read %d (expected %d)", static_cast<int>(got),
           static_cast<int>(size));
@@ -66,32 +94,20 @@ int loadPaxosFile(const std::string& path, PaxosFileData* pfd, PaxosHeader* hdr,
 
 int storePaxosFile(const std::string& path, const PaxosFileData& pfd, unsigned long long clusterId,
                    int writerId) {
-  PaxosHeader h;
-  h.magic = kPaxosMagic;
-  h.fmtVersion = kStoreFmtVersion;
-  h.cid = clusterId;
-  h.lastWriterId = writerId;
-  int size = h.getSize() + pfd.getSize(kStoreFmtVersion);
-  h.len = static_cast<unsigned int>(size);
-  std::unique_ptr<char[]> data(new (std::nothrow) char[size]);
-  if (!data) return E_NOMEM;
-  char* dataP = data.get();
-  char* bufP = h.dump(dataP);
-  bufP = pfd.dump(bufP, kStoreFmtVersion);
-  ZASSERT_T(bufP == dataP + size, "bufP == dataP + size");
-  h.setCRC(dataP, size);
-
-  int fd = -1;
-  int rc = PlatOpen(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644, &fd);
+  std::vector<char> data = encodeStateFile(pfd, clusterId, writerId);
+  int size = static_cast<int>(data.size());
+  char* dataP = data.data();
+  PlatFd fd;
+  int rc = PlatOpen(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644, fd.out());
   if (rc != 0) {
     trace(1, "PaxosLocalFile::storeToFile: open %s failed (%d)", path.c_str(), rc);
     return rc;
   }
   size_t put = 0;
-  rc = PlatWrite(fd, dataP, static_cast<size_t>(size), &put);
+  rc = PlatWrite(fd.get(), dataP, static_cast<size_t>(size), &put);
   int err;
   if (put == static_cast<size_t>(size)) {
-    err = PlatFsync(fd);
+    err = PlatFsync(fd.get());
     if (err != 0) {
       trace(1, "PaxosLocalFile::storeToFile() failed (err %d)", err);
       ZASSERT_T(err != E_OK, "err != E_OK");
@@ -101,7 +117,6 @@ int storePaxosFile(const std::string& path, const PaxosFileData& pfd, unsigned l
     trace(1, "PaxosLocalFile::storeToFile() failed: wrote %d (expected %d) err %d",
           static_cast<int>(put), size, err);
   }
-  PlatClose(fd);
   return err;
 }
 
@@ -123,20 +138,17 @@ int storePFDToFile(int seq, const CommittedState& committed, unsigned long long 
   pfd.summary.committed = committed;
   pfd.summary.seq = seq;
   std::string tmp = tmpFileName(zelPaxosLFDClientPath);
-  int rc = storePaxosFile(tmp, pfd, clusterId, zelNodeId);
+  std::vector<char> data = encodeStateFile(pfd, clusterId, zelNodeId);
+  // Temporary file, sync, rename, directory sync; a failed step removes the
+  // temporary file and leaves the target as it was.
+  int rc = PlatAtomicReplace(zelPaxosLFDClientPath, data.data(), data.size(), 0644);
   if (rc != 0) {
-    // The temporary file stays for inspection; the target is untouched.
     trace(1, "Storing paxos file data to '%s' failed (%d)", tmp.c_str(), rc);
+    SetErrorCause("cannot write '%s': %s", zelPaxosLFDClientPath.c_str(), PlatStrError(rc));
     return rc;
   }
-  trace(4, "Storing paxos file data to '%s' successful", tmp.c_str());
-  rc = PlatRename(tmp.c_str(), zelPaxosLFDClientPath.c_str());
-  if (rc != 0) {
-    trace(1, "Rename '%s' to '%s' failed (%d)", tmp.c_str(), zelPaxosLFDClientPath.c_str(), rc);
-  } else {
-    trace(4, "Rename '%s' to '%s' successful", tmp.c_str(), zelPaxosLFDClientPath.c_str());
-  }
-  return rc;
+  trace(4, "Rename '%s' to '%s' successful", tmp.c_str(), zelPaxosLFDClientPath.c_str());
+  return 0;
 }
 
 std::string committedFilePath(const std::string& name, int fileId, int version, unsigned int crc,

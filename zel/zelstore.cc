@@ -3,7 +3,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "platform/pclock.h"
 #include "platform/pfile.h"
@@ -57,14 +56,24 @@ bool isLocalAddr(const IpAddr& a) {
   return false;
 }
 
-void deleteDir(const std::string& dir) {
-  std::string cmd = "/bin/rm -rf " + dir;
-  trace(1, "Deleting old '%s' using this cmd: '%s'", dir.c_str(), cmd.c_str());
-  int status = 0;
-  int rc = PlatSystem(cmd.c_str(), &status);
-  if (rc == 0 && status != 0) rc = WIFEXITED(status) ? WEXITSTATUS(status) : status;
+int makeDir(const std::string& _path, unsigned int mode) {
+  ZASSERT_T(_path.length(), "_path.length()");
+  int rc = PlatMkdir(_path.c_str(), mode);
   if (rc != 0) {
-    trace(1, "Deleting '%s' using this cmd: '%s' failed (%d)", dir.c_str(), cmd.c_str(), rc);
+    trace(1, "Creating '%s' failed (%d)", _path.c_str(), rc);
+  } else {
+    trace(4, "Creating '%s' successful", _path.c_str());
+  }
+  return rc;
+}
+
+// Removes exactly the one directory tree, whatever its name: no shell, and no
+// link inside it is followed.
+void deleteDir(const std::string& dir) {
+  trace(1, "Deleting old '%s'", dir.c_str());
+  int rc = PlatRemoveTree(dir.c_str());
+  if (rc != 0) {
+    trace(1, "Deleting '%s' failed (%d)", dir.c_str(), rc);
   } else {
     trace(4, "Deleting '%s' successful", dir.c_str());
   }
@@ -121,25 +130,37 @@ void InitZelTrace() {
 int updateNodeMaps() {
   nodeNames.clear();
   nodeMap.clear();
+  int firstErr = 0;
   for (auto iter = nodes.begin(); iter != nodes.end(); ++iter) {
     CommAddr ca;
     int rc = convertCommAddr(iter->addr.addr, iter->addr.port, &ca);
-    if (rc != 0) return rc;
+    if (rc != 0) {
+      // One node that cannot be reached by name must not stop the others.
+      fprintf(stderr, "warning: node %d: cannot resolve host '%s'; node skipped\n", iter->id,
+              iter->addr.addr.c_str());
+      if (firstErr == 0) {
+        firstErr = rc;
+        SetErrorCause("cannot resolve host '%s' of node %d", iter->addr.addr.c_str(), iter->id);
+      }
+      continue;
+    }
     if (isLocalAddr(ca.addr) && iter->addr.port == zelPort) {
       if (zelNodeId < 0) {
         zelNodeId = iter->id;
         zelAddr = iter->addr.addr;
         zelMyNode = *iter;
         trace(4, "zelNodeId: %d", zelNodeId);
-      } else {
-        ZASSERT_T(zelNodeId == iter->id, "zelNodeId == iter->id");
-        ZASSERT_T(zelAddr == iter->addr.addr, "zelAddr == iter->addr.addr");
+      } else if (zelNodeId != iter->id || zelAddr != iter->addr.addr) {
+        // Two entries for this one machine: a corrupted list, not a crash.
+        SetErrorCause("node list names this host twice: node %d (%s) and node %d (%s)", zelNodeId,
+                      zelAddr.c_str(), iter->id, iter->addr.addr.c_str());
+        return E_INVAL;
       }
     }
     nodeNames[iter->id] = iter->name;
     nodeMap[iter->id] = iter->addr;
   }
-  return 0;
+  return nodeMap.empty() && !nodes.empty() ? firstErr : 0;
 }
 
 int InitZELIO(int port, int createMode, bool complain) {
@@ -149,17 +170,21 @@ int InitZELIO(int port, int createMode, bool complain) {
     if (rc != 0) return rc;
   }
 
+  long long envPort = 0;
+  const char* env = getenv("ZEL_PORT");
   if (port >= 1) {
     zelPort = port;
-  } else if (const char* env = getenv("ZEL_PORT")) {
-    zelPort = static_cast<int>(strtol(env, nullptr, 10));
+  } else if (env != nullptr && *env != '\0') {
+    // The front end has refused a malformed value before this runs.
+    zelPort = ParseDecimal(env, 1, 65535, &envPort) ? static_cast<int>(envPort) : 0;
   } else {
     zelPort = static_cast<int>(defaultPort);
   }
 
   if (isTrovInstall) {
     if (!dirExists(kProductDir)) {
-      trace(1, "Directory %s not found.\n", kProductDir);
+      // Said on every run: without it the product installation cannot work.
+      fprintf(stderr, "Directory %s not found.\n", kProductDir);
       exit(1);
     }
     zelBaseDir = join(kProductDir, kRepoDirName);
@@ -168,8 +193,9 @@ int InitZELIO(int port, int createMode, bool complain) {
   } else if (const char* base = getenv("ZEL_BASE")) {
     ZASSERT_T(isTestInstall, "isTestInstall");
     setTestPaths(base);
-    printf("zelBaseDir: %s\n", zelBaseDir.c_str());
-    fflush(stdout);
+    FILE* note = zelStdoutIsData ? stderr : stdout;
+    fprintf(note, "zelBaseDir: %s\n", zelBaseDir.c_str());
+    fflush(note);
   } else {
     ZASSERT_T(isTestInstall, "isTestInstall");
     if (zelPort == static_cast<int>(defaultPort)) {
@@ -196,6 +222,7 @@ int InitZELIO(int port, int createMode, bool complain) {
     }
     if (missing != nullptr) {
       trace(complain ? 1 : 3, "'%s' not found", missing->c_str());
+      SetErrorCause("'%s' not found", missing->c_str());
       return E_NO_REPOSITORY;
     }
     if (!dirExists(zelCachedDir)) {
@@ -215,7 +242,12 @@ int InitZELIO(int port, int createMode, bool complain) {
     }
     for (const std::string* dir : {&zelBaseDir, &zelCachedDir, &zelCommittedDir}) {
       trace(1, "Creating '%s'", dir->c_str());
-      createDir(*dir, 0755);
+      int rc = makeDir(*dir, 0755);
+      if (rc != 0) {
+        // Without its directories the store is not set up: say so and stop.
+        SetErrorCause("cannot create '%s': %s", dir->c_str(), PlatStrError(rc));
+        return rc;
+      }
     }
   }
 
@@ -317,14 +349,7 @@ int SetDiskList(DiskMap newDisks) {
 }
 
 bool createDir(const std::string& _path, unsigned int mode) {
-  ZASSERT_T(_path.length(), "_path.length()");
-  int rc = PlatMkdir(_path.c_str(), mode);
-  if (rc != 0) {
-    trace(1, "Creating '%s' failed (%d)", _path.c_str(), rc);
-    return false;
-  }
-  trace(4, "Creating '%s' successful", _path.c_str());
-  return true;
+  return makeDir(_path, mode) == 0;
 }
 
 bool dirExists(const std::string& path) {

@@ -1,5 +1,6 @@
 // Diagnostics: leveled trace to standard error and the platform trace, and
 // assertions that report and abort.
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -74,8 +75,33 @@ std::string assert_msg(const char* fmt, ...) {
 }
 
 void InitPaxosUtils() {
+  long long v = 0;
   const char* dbg = getenv("ZEL_DEBUG");
-  if (dbg != nullptr) traceLevel = static_cast<int>(strtol(dbg, nullptr, 10));
+  if (dbg != nullptr && ParseDecimal(dbg, INT_MIN, INT_MAX, &v)) traceLevel = static_cast<int>(v);
   const char* trc = getenv("ZEL_TRACE");
-  if (trc != nullptr) traceFlags = static_cast<unsigned char>(strtol(trc, nullptr, 10));
+  if (trc != nullptr && ParseDecimal(trc, 0, 255, &v)) traceFlags = static_cast<unsigned char>(v);
+}
+
+namespace {
+
+std::string errorCause;
+
+}  // namespace
+
+void SetErrorCause(const char* fmt, ...) {
+  char buf[kTraceBuf];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  errorCause = buf;
+  trace(4, "cause: %s", buf);
+}
+
+const std::string& ErrorCause() {
+  return errorCause;
+}
+
+void ClearErrorCause() {
+  errorCause.clear();
 }

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
 #include "platform/pfile.h"
+#include "platform/ptemp.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
@@ -42,76 +44,118 @@ int writeAll(int fd, const char* buf, size_t len, size_t* put) {
 
 }  // namespace
 
-int sendFile(Connection* conn, const std::string& path, int fSize, bool* localErr) {
+int sendFile(Connection* conn, const std::string& path, long long fSize, bool* localErr) {
   bool dummy;
   if (localErr == nullptr) localErr = &dummy;
   *localErr = false;
-  int fd = -1;
-  int rc = PlatOpen(path.c_str(), O_RDONLY, 0, &fd);
+  PlatFd fd;
+  int rc = PlatOpenRegular(path.c_str(), O_RDONLY, fd.out());
   if (rc != 0) {
     trace(1, "Open '%s' failed (%d)", path.c_str(), rc);
+    SetErrorCause("cannot read '%s': %s", path.c_str(), PlatStrError(rc));
     *localErr = true;
     return E_XFER_FAILED;
   }
+  struct stat before;
+  rc = PlatFstat(fd.get(), &before);
   std::unique_ptr<char[]> buf(new (std::nothrow) char[kXferChunkBytes]);
-  if (!buf) {
-    PlatClose(fd);
+  if (rc != 0 || !buf) {
     *localErr = true;
-    trace(4, "Transferred '%s' failed after %d bytes, err %d", path.c_str(), 0, E_NOMEM);
-    return E_NOMEM;
+    rc = rc != 0 ? rc : E_NOMEM;
+    trace(4, "Transferred '%s' failed after %d bytes, err %d", path.c_str(), 0, rc);
+    return rc;
   }
   unsigned int crc = 0;
   long long bytesSent = 0;
-  for (;;) {
+  bool changed = before.st_size != fSize;
+  // Never more than announced: a file that grew is caught below, not sent.
+  while (!changed && bytesSent < fSize) {
+    size_t want = static_cast<size_t>(std::min<long long>(kXferChunkBytes, fSize - bytesSent));
     size_t got = 0;
-    rc = readChunk(fd, buf.get(), kXferChunkBytes, &got);
+    rc = readChunk(fd.get(), buf.get(), want, &got);
     if (rc != 0) {
       trace(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
+      SetErrorCause("cannot read '%s': %s", path.c_str(), PlatStrError(rc));
       *localErr = true;
       break;
     }
-    if (got == 0) break;
+    if (got == 0) {
+      changed = true;  // shrank
+      break;
+    }
     crc = partialcrc(reinterpret_cast<unsigned char*>(buf.get()), got, crc);
     trace(4, "Sending %d bytes (%d) (0x%x)", static_cast<int>(got), MSG_TYPE_FDATA, crc);
     rc = conn->send(MSG_TYPE_FDATA, buf.get(), static_cast<int>(got));
     if (rc != 0) break;
     bytesSent += static_cast<long long>(got);
   }
+  if (rc == 0 && !changed) {
+    // Grown, or rewritten in place while it was read.
+    size_t extra = 0;
+    struct stat after;
+    rc = readChunk(fd.get(), buf.get(), 1, &extra);
+    if (rc == 0) rc = PlatFstat(fd.get(), &after);
+    if (rc != 0) {
+      *localErr = true;
+    } else if (extra != 0 || after.st_size != fSize ||
+               after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+               after.st_mtim.tv_nsec != before.st_mtim.tv_nsec) {
+      changed = true;
+    }
+  }
+  if (rc == 0 && changed) {
+    trace(1, "file size mismatch, sent: %lld size: %lld", bytesSent, fSize);
+    SetErrorCause("file changed while being sent: '%s'", path.c_str());
+    // No "fcrc": the peer must not take what it got for the whole file.
+    conn->setBroken();
+    *localErr = true;
+    rc = E_XFER_FAILED;
+  }
   if (rc == 0) {
-    ZASSERT_M(bytesSent == fSize, "bytesSent == fSize", "file size mismatch, sent: %d size: %d",
-              static_cast<int>(bytesSent), fSize);
     crc = finalcrc(crc, static_cast<unsigned long>(bytesSent));
-    trace(7, "SEND: crc '%s': 0x%x (%d)", path.c_str(), crc, static_cast<int>(bytesSent));
-    PlatClose(fd);
-    fd = -1;
+    trace(7, "SEND: crc '%s': 0x%x (%lld)", path.c_str(), crc, bytesSent);
+    fd.reset();
     char crcBody[4];
     DumpUInt32(crcBody, crc);
     rc = conn->send(MSG_TYPE_FCRC, crcBody, 4);
   }
-  if (fd >= 0) PlatClose(fd);
   if (rc == 0) {
-    trace(4, "Transferred '%s' successful (%d bytes)", path.c_str(), static_cast<int>(bytesSent));
+    trace(4, "Transferred '%s' successful (%lld bytes)", path.c_str(), bytesSent);
   } else {
-    trace(4, "Transferred '%s' failed after %d bytes, err %d", path.c_str(),
-          static_cast<int>(bytesSent), rc);
+    trace(4, "Transferred '%s' failed after %lld bytes, err %d", path.c_str(), bytesSent, rc);
   }
   return rc;
 }
 
-int receiveFile(Connection* conn, std::string target, int fSize, bool isPrivate, unsigned int* crc,
-                bool* localErr, bool durable) {
+int receiveFile(Connection* conn, std::string target, long long fSize, bool isPrivate,
+                unsigned int* crc, bool* localErr, bool durable) {
   return receiveFileX(conn, &target, fSize, isPrivate, crc, localErr, false, durable, durable);
 }
 
-int receiveFileCRCRename(Connection* conn, std::string* target, int fSize, bool isPrivate,
+int receiveFileCRCRename(Connection* conn, std::string* target, long long fSize, bool isPrivate,
                          unsigned int* crc, bool* localErr) {
   return receiveFileX(conn, target, fSize, isPrivate, crc, localErr, true, true, true);
 }
 
-int receiveFileX(Connection* conn, std::string* target, int fSize, bool isPrivate,
+namespace {
+
+// A received message body, freed when it goes.
+struct Body {
+  char* p = nullptr;
+  ~Body() { delete[] p; }
+  char** out() {
+    delete[] p;
+    p = nullptr;
+    return &p;
+  }
+};
+
+}  // namespace
+
+int receiveFileX(Connection* conn, std::string* target, long long fSize, bool isPrivate,
                  unsigned int* crcP, bool* localErr, bool crcNaming, bool skipIfExists,
                  bool doSync) {
-  trace(4, "RECEIVE '%s' size %d from %s", target->c_str(), fSize,
+  trace(4, "RECEIVE '%s' size %lld from %s", target->c_str(), fSize,
         conn->getPeer().toString().c_str());
   bool localFlag;
   if (localErr == nullptr) localErr = &localFlag;
@@ -119,85 +163,93 @@ int receiveFileX(Connection* conn, std::string* target, int fSize, bool isPrivat
   unsigned int crcLocal;
   if (crcP == nullptr) crcP = &crcLocal;
 
-  bool toStdout = target->empty();
-  std::string tmpName;
-  int fd = -1;
-  int rc = 0;
-  if (toStdout) {
-    fd = STDOUT_FILENO;
-  } else {
-    tmpName = tmpFileName(*target);
-    rc = PlatOpen(tmpName.c_str(), O_WRONLY | O_CREAT | O_TRUNC, isPrivate ? 0600 : 0644, &fd);
+  const bool toStdout = target->empty();
+  // Removed on every failure, and on SIGINT / SIGTERM, until renamed into place.
+  PlatTempFile tmp;
+  int fd = STDOUT_FILENO;
+  if (!toStdout) {
+    int rc = tmp.create(*target, isPrivate ? 0600 : 0644);
     if (rc != 0) {
+      std::string tmpName = tmpFileName(*target);
       trace(1, "Open '%s' failed (%d)", tmpName.c_str(), rc);
+      SetErrorCause("cannot create '%s': %s", tmpName.c_str(), PlatStrError(rc));
       *localErr = true;
       return rc;
     }
+    fd = tmp.fd();
   }
-  const char* shownName = toStdout ? "<stdout>" : tmpName.c_str();
+  const char* shownName = toStdout ? "<stdout>" : tmp.path().c_str();
 
-  char* body = nullptr;
+  Body body;
   int type = 0, len = 0;
   long long received = 0;
   *crcP = 0;
   while (received < fSize) {
-    rc = conn->receive(&type, &body, &len);
-    if (rc != 0) goto cleanup;
+    int rc = conn->receive(&type, body.out(), &len);
+    if (rc != 0) return rc;
     trace(4, "Received %d bytes (%d)", len, type);
-    if (type == MSG_TYPE_FDATA && len > 0) {
-      size_t put = 0;
-      rc = writeAll(fd, body, static_cast<size_t>(len), &put);
-      if (rc != 0) {
-        trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
-        *localErr = true;
-        goto cleanup;
-      }
-      received += len;
-      *crcP = partialcrc(reinterpret_cast<unsigned char*>(body), static_cast<unsigned long>(len),
-                         *crcP);
+    if (type != MSG_TYPE_FDATA || len <= 0) continue;
+    if (len > fSize - received) {
+      // More than announced: as bad as a wrong checksum, and the rest of the
+      // stream cannot be trusted either.
+      trace(1, "Transfer of '%s' failed: %lld bytes instead of %lld", shownName, received + len,
+            fSize);
+      conn->setBroken();
+      return E_XFER_FAILED;
     }
-    delete[] body;
-    body = nullptr;
+    size_t put = 0;
+    rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
+    if (rc != 0) {
+      trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
+      SetErrorCause("cannot write '%s': %s", shownName,
+                    rc == E_XFER_FAILED ? "nothing written" : PlatStrError(rc));
+      *localErr = true;
+      return rc;
+    }
+    received += len;
+    *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
+                       *crcP);
   }
   *crcP = finalcrc(*crcP, static_cast<unsigned long>(received));
 
-  rc = conn->receive(&type, &body, &len);
-  if (rc != 0) goto cleanup;
+  int rc = conn->receive(&type, body.out(), &len);
+  if (rc != 0) return rc;
+  if (type == MSG_TYPE_FDATA) {
+    trace(1, "Transfer of '%s' failed: more than %lld bytes", shownName, fSize);
+    conn->setBroken();
+    return E_XFER_FAILED;
+  }
   if (type != MSG_TYPE_FCRC) {
     // A server's protocol error is reported, not fatal, unless asked to assert.
     if (zelDebugAsserts) ZASSERT_T(type == MSG_TYPE_FCRC, "msgType == MSG_TYPE_FCRC");
     trace(1, "Transfer of '%s' failed: got msg %d '%s' instead of 'fcrc'", shownName, type,
           msgName(type));
     conn->setBroken();
-    rc = E_BAD_MESSAGE;
-    goto cleanup;
+    return E_BAD_MESSAGE;
   }
-  {
-    unsigned int expected = 0;
-    if (body != nullptr && len >= 4) LoadUInt32(body, body + len, &expected);
-    if (expected != *crcP) {
-      trace(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", shownName, *crcP, expected);
-      rc = E_XFER_FAILED;
-      goto cleanup;
-    }
+  unsigned int expected = 0;
+  if (body.p != nullptr && len >= 4) LoadUInt32(body.p, body.p + len, &expected);
+  if (expected != *crcP) {
+    trace(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", shownName, *crcP, expected);
+    return E_XFER_FAILED;
   }
   trace(4, "RECEIVE: '%s' crc = 0x%x", shownName, *crcP);
-  if (doSync && !toStdout) {
+  if (toStdout) return PlatClose(STDOUT_FILENO);
+
+  if (doSync) {
     rc = PlatFsync(fd);
     if (rc != 0) {
       trace(4, "Fsync of '%s' failed (%d)", shownName, rc);
+      SetErrorCause("cannot sync '%s': %s", shownName, PlatStrError(rc));
       *localErr = true;
-      goto cleanup;
+      return rc;
     }
   }
-  rc = PlatClose(fd);
-  fd = -1;
+  rc = tmp.close();
   if (rc != 0) {
     *localErr = true;
-    goto cleanup;
+    return rc;
   }
-  if (toStdout) goto cleanup;
-
   if (crcNaming) {
     size_t pos = target->rfind(".0.");
     ZASSERT_T(pos != std::string::npos, "pos != string::npos");
@@ -205,17 +257,19 @@ int receiveFileX(Connection* conn, std::string* target, int fSize, bool isPrivat
     snprintf(hex, sizeof hex, "%x", *crcP);
     target->replace(pos + 1, 1, hex);
   }
-  rc = skipIfExists ? renameSkipIfTargetExists(tmpName, *target)
-                    : renameReplaceIfTargetExists(tmpName, *target);
+  rc = skipIfExists ? renameSkipIfTargetExists(tmp.path(), *target)
+                    : renameReplaceIfTargetExists(tmp.path(), *target);
   if (rc != 0) {
+    SetErrorCause("cannot move '%s' to '%s': %s", tmp.path().c_str(), target->c_str(),
+                  PlatStrError(rc));
     *localErr = true;
-  } else {
-    tmpName.clear();
+    return rc;
   }
-
-cleanup:
-  if (fd >= 0) PlatClose(fd);
-  if (!tmpName.empty()) PlatUnlink(tmpName.c_str());
-  delete[] body;
-  return rc;
+  tmp.release();
+  if (doSync) {
+    // The new name, too, must survive a crash.
+    std::string dir = ParseDirFromPath(*target);
+    PlatSyncDir(dir.c_str());
+  }
+  return 0;
 }

@@ -8,21 +8,27 @@
 #include "zel/kxcomm.h"
 
 constexpr int kXferChunkBytes = 1048576;
+// The largest file the requests can announce: sizes travel as VarUInt with bias
+// -1 and decode up to 2^31 - 1.
+constexpr long long kMaxXferFileBytes = 2147483646LL;
 
 // Sends the file of fSize bytes. *localErr (optional) tells whether a failure
-// lay on this machine. 810 when the file cannot be opened.
-int sendFile(Connection* conn, const std::string& path, int fSize, bool* localErr = nullptr);
+// lay on this machine. 810 when the file cannot be opened, or when it is found
+// to differ from the fSize bytes announced (then no "fcrc" is sent and the
+// connection is dropped, so the peer cannot take a partial file as complete).
+int sendFile(Connection* conn, const std::string& path, long long fSize, bool* localErr = nullptr);
 
 // Receives fSize bytes into target through a temporary file (an empty target
 // writes to standard output and closes it). durable: keep an existing target and
-// sync; otherwise replace it without sync. *crc gets the computed CRC.
-int receiveFile(Connection* conn, std::string target, int fSize, bool isPrivate, unsigned int* crc,
-                bool* localErr, bool durable);
+// sync; otherwise replace it without sync. *crc gets the computed CRC. A
+// transfer whose length differs from fSize fails with 810.
+int receiveFile(Connection* conn, std::string target, long long fSize, bool isPrivate,
+                unsigned int* crc, bool* localErr, bool durable);
 // As receiveFile with CRC naming (the last ".0." of *target becomes ".<crc hex>.",
 // and *target is updated), skip-if-exists and sync.
-int receiveFileCRCRename(Connection* conn, std::string* target, int fSize, bool isPrivate,
+int receiveFileCRCRename(Connection* conn, std::string* target, long long fSize, bool isPrivate,
                          unsigned int* crc, bool* localErr);
-int receiveFileX(Connection* conn, std::string* target, int fSize, bool isPrivate,
+int receiveFileX(Connection* conn, std::string* target, long long fSize, bool isPrivate,
                  unsigned int* crc, bool* localErr, bool crcNaming, bool skipIfExists, bool doSync);
 
 #endif  // ZEL_ZELXFER_H

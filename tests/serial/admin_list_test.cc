@@ -1,6 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
+#include <thread>
+#include <tuple>
 
 #include "serial/adminfixture.h"
 
@@ -86,6 +91,55 @@ TEST_F(AdminListTest, FailedFetchStopsConfig) {
   EXPECT_EQ(r.out, Out(""));
   EXPECT_EQ(r.err, "Failed to retrieve current node list (err 805)\n");
   EXPECT_EQ(ReadFile(base_ + "/zel.nodes"), Line(1, 0, "alpha"));
+}
+
+// An empty list from the repository never replaces the local one, and a link
+// planted at the fixed temporary name is replaced, not written through.
+TEST_F(AdminListTest, EmptyFetchedListAndPlantedLink) {
+  ServeFile(0, "zel.nodes", "", state_);
+  RunResult r = Run({"lsnodes"});
+  EXPECT_EQ(std::make_tuple(156, std::string("Failed to retrieve current node list (err 812)\n"
+                                             "the repository's node list is empty\n")),
+            std::make_tuple(r.exitStatus, r.err));
+  EXPECT_EQ(ReadFile(base_ + "/zel.nodes"), Line(1, 0, "alpha"));
+
+  const std::string victim = dir_.file("victim");
+  WriteFile(victim, "precious");
+  ASSERT_EQ(0, symlink(victim.c_str(), "/tmp/zel.nodes"));
+  ServeFile(0, "zel.nodes", repoNodes_, state_);
+  r = Run({"lsnodes"});
+  unlink("/tmp/zel.nodes");  // left only if the command failed
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_EQ(ReadFile(victim), "precious");
+  EXPECT_EQ(ReadFile(base_ + "/zel.nodes"), repoNodes_);
+  EXPECT_TRUE(AllDone());
+}
+
+// Two commands at once take turns on the fixed files: neither installs the
+// other's list or an empty one.
+TEST_F(AdminListTest, ConcurrentCommandsTakeTurns) {
+  std::string other = Line(1, 1, "beta") + Line(2, 2, "gamma");
+  for (int i = 0; i < 3; i++) ServeFile(0, "zel.nodes", repoNodes_, state_);
+  for (int i = 0; i < 3; i++) ServeFile(1, "zel.nodes", other, state_);
+  TempDir otherDir;
+  const std::string otherBase = otherDir.file("repo");
+  ASSERT_EQ(0, mkdir(otherBase.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((otherBase + "/committed").c_str(), 0755));
+  WriteFile(otherBase + "/zel.nodes", Line(1, 1, "beta"));
+  std::thread t([&] {
+    for (int i = 0; i < 3; i++) {
+      RunResult r = RunCommand({KxzelTestBin(), "lsnodes"}, {{"ZEL_BASE", otherBase}}, 30000);
+      EXPECT_EQ(r.exitStatus, 0) << r.err;
+    }
+  });
+  for (int i = 0; i < 3; i++) {
+    RunResult r = Run({"lsnodes"});
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+  }
+  t.join();
+  EXPECT_EQ(ReadFile(base_ + "/zel.nodes"), repoNodes_);
+  EXPECT_EQ(ReadFile(otherBase + "/zel.nodes"), other);
+  EXPECT_TRUE(AllDone());
 }
 
 }  // namespace

@@ -272,7 +272,7 @@ bool FakeServer::runActions(int fd, const std::vector<Action>& acts) {
       while (!stop_ && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    if (a.kind != kRecvFile) continue;
+    if (a.kind != kRecvFile && a.kind != kRecvCut) continue;
     FakeFile f;
     ConnState st;
     st.first = false;
@@ -280,6 +280,12 @@ bool FakeServer::runActions(int fd, const std::vector<Action>& acts) {
     std::string body;
     bool ok;
     while ((ok = recvMsg(fd, &st, &type, &body)) && type == MSG_TYPE_FDATA) f.data += body;
+    if (a.kind == kRecvCut && !ok) {
+      // The client dropped the connection instead of finishing the file.
+      std::lock_guard<std::mutex> g(mu_);
+      files_.push_back(f);
+      return false;
+    }
     if (!ok || type != MSG_TYPE_FCRC || body.size() != 4) {
       fail(std::string("no 'fcrc' after the file data, got '") + msgName(type) + "'");
       return false;

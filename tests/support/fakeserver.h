@@ -97,6 +97,9 @@ class FakeServer {
   FakeServer& stall(int ms) { return addAction(kStall, "", ms); }
   // Reads "fdata" messages up to one "fcrc" and stores the file.
   FakeServer& receiveFile() { return addAction(kRecvFile, "", 0); }
+  // Reads "fdata" messages until the client closes the connection (no "fcrc"
+  // expected) and stores what came, with crcOk false.
+  FakeServer& receiveCutFile() { return addAction(kRecvCut, "", 0); }
   // Sends data as "fdata" chunks and an "fcrc" whose CRC is XORed with crcXor.
   FakeServer& sendFile(const std::string& data, unsigned int crcXor = 0, size_t chunk = 1048576);
 
@@ -113,7 +116,7 @@ class FakeServer {
   static std::string header8(int type, unsigned int len);
 
  private:
-  enum Kind { kRaw, kClose, kStall, kRecvFile, kTrickle };
+  enum Kind { kRaw, kClose, kStall, kRecvFile, kTrickle, kRecvCut };
   struct Action {
     Kind kind;
     std::string bytes;

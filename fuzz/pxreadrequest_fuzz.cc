@@ -1,0 +1,6 @@
+#include "fuzz/pxfuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  PxRoundTrip<PxReadRequest>(data, size);
+  return 0;
+}

@@ -1,0 +1,118 @@
+// Bodies of the messages with which a node reaches another node's block store
+// ("pxread", "pxwrite", "pxrdwr" and their replies) and of the file request
+// shared by "fxfer" and "reply_pxrdwr_fxfer". docs/protocol.md describes them.
+//
+// Each is a record with getSize/dump/load; PxDecode accepts a body only when it
+// decodes exactly to its end.
+#ifndef ZEL_PXWIRE_H
+#define ZEL_PXWIRE_H
+
+#include <string>
+#include <vector>
+
+#include "zel/paxosdata.h"
+#include "zel/paxosutils.h"
+
+// Every block store has this many slots, one per possible node.
+constexpr int kPxSlots = 8;
+
+// "pxread": who reads (for the store's traces).
+struct PxReadRequest {
+  int readerId = 0;
+
+  int getSize() const;
+  char* dump(char* p) const;
+  const char* load(const char* p, const char* end);
+  bool operator==(const PxReadRequest& o) const { return readerId == o.readerId; }
+};
+
+// "pxwrite" and "pxrdwr": writerId's block for slot.
+struct PxWriteRequest {
+  int writerId = 0;
+  int slot = 0;
+  Dblock block;
+
+  int getSize() const;
+  char* dump(char* p) const;
+  // Fails on a slot outside 0..kPxSlots-1.
+  const char* load(const char* p, const char* end);
+  bool operator==(const PxWriteRequest& o) const {
+    return writerId == o.writerId && slot == o.slot && block == o.block;
+  }
+};
+
+struct PxSlot {
+  bool present = false;
+  Dblock block;  // meaningful when present
+  bool operator==(const PxSlot& o) const {
+    return present == o.present && (!present || block == o.block);
+  }
+};
+
+// "reply_pxread" and "reply_pxrdwr": every slot of a store, exactly kPxSlots.
+// A block whose committed state equals an earlier slot's is sent as a reference
+// to that slot plus its head, so a store's usual content (blocks of one or two
+// instances) costs one or two states, not eight.
+class PxSlots : public std::vector<PxSlot> {
+ public:
+  PxSlots() : std::vector<PxSlot>(kPxSlots) {}
+
+  // Asserts that there are kPxSlots entries.
+  int getSize() const;
+  char* dump(char* p) const;
+  // Fails unless the count is kPxSlots, each kind is known and each reference
+  // names an earlier present slot.
+  const char* load(const char* p, const char* end);
+
+ private:
+  // The earlier present slot with the same committed state as slot i, or -1.
+  int sharedWith(size_t i) const;
+};
+
+// "fxfer" and "reply_pxrdwr_fxfer": one version of a file, named as a committed
+// state names it.
+struct PxFileRequest {
+  std::string name;
+  int fileId = 0;
+  int version = -1;
+  UpdateId uid;
+
+  int getSize() const;
+  char* dump(char* p) const;
+  const char* load(const char* p, const char* end);
+  bool operator==(const PxFileRequest& o) const {
+    return name == o.name && fileId == o.fileId && version == o.version && uid == o.uid;
+  }
+};
+
+// The "ok" that answers a file request: the size of the file that follows.
+struct PxFileSize {
+  int size = 0;
+
+  int getSize() const;
+  char* dump(char* p) const;
+  const char* load(const char* p, const char* end);
+  bool operator==(const PxFileSize& o) const { return size == o.size; }
+};
+
+// The body of a "failed" reply carrying code.
+std::string PxFailedBody(int code);
+
+template <class R>
+std::string PxEncode(const R& r) {
+  std::string s(static_cast<size_t>(r.getSize()), '\0');
+  char* e = r.dump(&s[0]);
+  ZASSERT(e == &s[0] + s.size());
+  return s;
+}
+
+// True when body[0, len) decodes to r exactly to its end.
+template <class R>
+bool PxDecode(R* r, const char* body, int len) {
+  if (len < 0 || (body == nullptr && len > 0)) return false;
+  const char* end = body + len;
+  const char* p = r->load(body, end);
+  return p != nullptr && p == end;
+}
+
+#endif  // ZEL_PXWIRE_H
