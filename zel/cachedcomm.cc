@@ -28,10 +28,6 @@ class CacheLock : public ZELLockHolder {
 
 }  // namespace
 
-CachedConnectionMap::~CachedConnectionMap() {
-  for (auto& e : map_) delete e.second;
-}
-
 int CachedConnectionMap::getConnectionFromMap(const CommAddr& addr, Connection** out) {
   CacheLock l;
   return getConnection(addr, out);
@@ -62,8 +58,8 @@ void CachedConnectionMap::addConnectionToMap(Connection* conn) {
 }
 
 void CachedConnectionMap::dropBad(Connection* conn) {
+  std::unique_ptr<Connection> doomed(conn);
   trace(4, "Bad %s-connection (%d-0x%llx), delete it.", name(), conn->getSock(), connId(conn));
-  delete conn;
   nAddBad++;
 }
 
@@ -76,11 +72,12 @@ void CachedConnectionMap::addConnection(Connection* connP) {
   }
   auto iter = map_.find(connP->getPeer());
   if (iter != map_.end()) {
-    ZASSERT_T(iter->second != connP, "iter->second != connP");
-    if (iter->second->getSock() != connP->getSock()) delete iter->second;
+    ZASSERT_T(iter->second.get() != connP, "iter->second != connP");
+    // Another object on the same socket is not destroyed: that would close it.
+    if (iter->second->getSock() == connP->getSock()) iter->second.release();
     map_.erase(iter);
   }
-  map_[connP->getPeer()] = connP;
+  map_[connP->getPeer()].reset(connP);
   nAddGood++;
   if (incoming_) wakeupListenThread();
   trace(6, "Cached %s-connection (0x%llx-%s-%d) cache size: %d", name(), connId(connP),
@@ -96,7 +93,7 @@ int CachedConnectionMap::getConnection(const CommAddr& addr, Connection** out) {
     nGetNotFound++;
     return kNoCachedConnection;
   }
-  Connection* c = it->second;
+  Connection* c = it->second.release();
   map_.erase(it);
   c->setFirstMessage();
   nGetGood++;
@@ -110,7 +107,7 @@ int CachedConnectionMap::getConnection(int sock, Connection** out) {
   *out = nullptr;
   for (auto it = map_.begin(); it != map_.end(); ++it) {
     if (it->second->getSock() != sock) continue;
-    Connection* c = it->second;
+    Connection* c = it->second.release();
     map_.erase(it);
     c->setFirstMessage();
     nGetGood++;
@@ -134,7 +131,6 @@ void CachedConnectionMap::getSocketList(std::vector<int>* out) {
 
 void CachedConnectionMap::clear() {
   CacheLock l;
-  for (auto& e : map_) delete e.second;
   map_.clear();
 }
 
@@ -147,7 +143,7 @@ std::string CachedConnectionMap::doDump() {
   int i = 0;
   for (auto& e : map_) {
     snprintf(line, sizeof line, "%3d: connection 0x%lx addr %s sock %d authenticated %d\n", i++,
-             static_cast<unsigned long>(connId(e.second)), e.first.toString().c_str(),
+             static_cast<unsigned long>(connId(e.second.get())), e.first.toString().c_str(),
              e.second->getSock(), e.second->isAuthenticated() ? 1 : 0);
     s += line;
   }

@@ -4,6 +4,7 @@
 #define ZEL_CACHEDCOMM_H
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,8 +16,6 @@ constexpr int kNoCachedConnection = 112;
 class CachedConnectionMap {
  public:
   explicit CachedConnectionMap(bool incoming) : incoming_(incoming) {}
-  // Destroys the cached connections (no lock: runs at exit).
-  ~CachedConnectionMap();
   CachedConnectionMap(const CachedConnectionMap&) = delete;
   CachedConnectionMap& operator=(const CachedConnectionMap&) = delete;
 
@@ -52,7 +51,7 @@ class CachedConnectionMap {
   void dropBad(Connection* conn);
 
   bool incoming_;
-  std::map<CommAddr, Connection*> map_;
+  std::map<CommAddr, std::unique_ptr<Connection>> map_;
 };
 
 // The process-wide caches and the caching switch are declared in zel/zelglobals.h.

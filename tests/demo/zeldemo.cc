@@ -169,11 +169,23 @@ bool removeTree(const std::string& dir) {
   return nftw(dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS) == 0;
 }
 
+// The word as a shell needs it typed: quoted when it holds anything but
+// letters, digits and a few safe characters.
+std::string shellWord(const std::string& w) {
+  if (!w.empty() && w.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                        "0123456789-_./:=,@%+") == std::string::npos) {
+    return w;
+  }
+  std::string q = "'";
+  for (char c : w) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
 // Runs the client with the arguments and shows the command, its output and status.
 int runClient(const std::string& bin, const std::string& base,
               const std::vector<std::string>& args) {
   std::string shown = "$ kxzel-testinstall";
-  for (const auto& a : args) shown += " " + a;
+  for (const auto& a : args) shown += " " + shellWord(a);
   printf("%s\n", shown.c_str());
   fflush(stdout);
   // The server thread runs: the child is prepared in full and spawned.
