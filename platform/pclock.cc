@@ -21,6 +21,7 @@ long long RealNowMs() {
 }
 
 PlatSleepFn sleepFn = RealSleepUs;
+long long commandDeadline = 0;
 PlatNowFn nowFn = RealNowMs;
 
 }  // namespace
@@ -47,4 +48,23 @@ PlatSleepFn PlatSetSleepFn(PlatSleepFn fn) {
   PlatSleepFn old = sleepFn;
   sleepFn = fn ? fn : RealSleepUs;
   return old;
+}
+
+void PlatSetCommandDeadline(long long atMs) {
+  commandDeadline = atMs;
+}
+
+long long PlatCommandDeadline() {
+  return commandDeadline;
+}
+
+long long PlatDeadlineAfter(long long timeoutMs) {
+  long long at = nowFn() + timeoutMs;
+  return commandDeadline > 0 && commandDeadline < at ? commandDeadline : at;
+}
+
+long long PlatCommandTimeLeft() {
+  if (commandDeadline <= 0) return -1;
+  long long left = commandDeadline - nowFn();
+  return left > 0 ? left : 0;
 }

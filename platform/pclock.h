@@ -16,6 +16,15 @@ PlatNowFn PlatSetNowFn(PlatNowFn fn);
 // Wall-clock seconds since the epoch.
 time_t PlatTimeSec();
 void PlatSleepUs(long long usec);
+
+// The deadline of the whole command (ZEL_DEADLINE), in PlatNowMs time; 0 = none.
+void PlatSetCommandDeadline(long long atMs);
+long long PlatCommandDeadline();
+// The moment timeoutMs from now, brought forward to the command's deadline: every
+// wait of a connect, send or receive ends by then.
+long long PlatDeadlineAfter(long long timeoutMs);
+// Milliseconds left before the command's deadline (never below 0); -1 when none.
+long long PlatCommandTimeLeft();
 // Installs a replacement for sleeping (nullptr restores the real one); returns the old one.
 PlatSleepFn PlatSetSleepFn(PlatSleepFn fn);
 

@@ -86,25 +86,10 @@ int receiveInputFile(Connection* conn, const FileUpdate& fu, const std::string& 
   return 0;
 }
 
-}  // namespace
-
-bool PxNeedsFile(const ProposedUpdate& u, const PxFiles& files) {
-  if (u.getFileUpdate() == nullptr) return false;
-  return !files.holds || !files.holds(u);
-}
-
-void AnswerPx(int type, const char* body, int len, Disk* disk, int* replyType, std::string* reply) {
+// The reply to a decoded "pxwrite" or "pxrdwr".
+void answerWrite(int type, const PxWriteRequest& w, Disk* disk, int* replyType,
+                 std::string* reply) {
   std::vector<SlotBlock> slots;
-  if (type == MSG_TYPE_PXREAD) {
-    PxReadRequest r;
-    if (!PxDecode(&r, body, len)) return refuse(E_BAD_MESSAGE, replyType, reply);
-    trace(6, "pxread from node %d", r.readerId);
-    return answerSlots(disk->read(&slots), slots, REPLY_TYPE_PXREAD, replyType, reply);
-  }
-  if (type != MSG_TYPE_PXWRITE && type != MSG_TYPE_PXRDWR)
-    return refuse(E_UNKNOWN_REQUEST, replyType, reply);
-  PxWriteRequest w;
-  if (!PxDecode(&w, body, len)) return refuse(E_BAD_MESSAGE, replyType, reply);
   trace(6, "%s from node %d slot %d seq %d", msgName(type), w.writerId, w.slot, w.block.seq);
   int rc = disk->writeRead(w.writerId, w.slot, w.block, &slots);
   if (type == MSG_TYPE_PXRDWR) return answerSlots(rc, slots, REPLY_TYPE_PXRDWR, replyType, reply);
@@ -113,13 +98,39 @@ void AnswerPx(int type, const char* body, int len, Disk* disk, int* replyType, s
   reply->clear();
 }
 
+}  // namespace
+
+bool PxNeedsFile(const ProposedUpdate& u, const PxFiles& files) {
+  if (u.getFileUpdate() == nullptr) return false;
+  return !files.holds || !files.holds(u);
+}
+
+void AnswerPx(int type, const char* body, int len, Disk* disk, int* replyType, std::string* reply) {
+  if (type == MSG_TYPE_PXREAD) {
+    PxReadRequest r;
+    if (!PxDecode(&r, body, len)) return refuse(E_BAD_MESSAGE, replyType, reply);
+    trace(6, "pxread from node %d", r.readerId);
+    std::vector<SlotBlock> slots;
+    return answerSlots(disk->read(&slots), slots, REPLY_TYPE_PXREAD, replyType, reply);
+  }
+  if (type != MSG_TYPE_PXWRITE && type != MSG_TYPE_PXRDWR)
+    return refuse(E_UNKNOWN_REQUEST, replyType, reply);
+  PxWriteRequest w;
+  if (!PxDecode(&w, body, len)) return refuse(E_BAD_MESSAGE, replyType, reply);
+  answerWrite(type, w, disk, replyType, reply);
+}
+
 int ServePx(Connection* conn, int type, const char* body, int len, Disk* disk,
             const PxFiles& files) {
   int replyType = MSG_TYPE_FAILED;
   std::string reply;
   PxWriteRequest w;
   bool isWrite = type == MSG_TYPE_PXWRITE || type == MSG_TYPE_PXRDWR;
-  if (isWrite && PxDecode(&w, body, len) && PxNeedsFile(w.block.inp, files)) {
+  if (!isWrite || !PxDecode(&w, body, len)) {
+    AnswerPx(type, body, len, disk, &replyType, &reply);
+    return send(conn, replyType, reply);
+  }
+  if (PxNeedsFile(w.block.inp, files)) {
     const FileUpdate& fu = *w.block.inp.getFileUpdate();
     std::string path = files.stagingPath ? files.stagingPath(w.block.inp) : std::string();
     if (type == MSG_TYPE_PXWRITE || path.empty()) {
@@ -135,7 +146,7 @@ int ServePx(Connection* conn, int type, const char* body, int len, Disk* disk,
     if (fatal) return rc;
     if (rc != 0) return send(conn, MSG_TYPE_FAILED, PxFailedBody(rc));
   }
-  AnswerPx(type, body, len, disk, &replyType, &reply);
+  answerWrite(type, w, disk, &replyType, &reply);
   return send(conn, replyType, reply);
 }
 

@@ -8,20 +8,23 @@ namespace {
 
 struct Shape {
   const char* name;
-  int nodes, tiebreakers, minNodes, crashes;
+  int nodes, tiebreakers, minNodes, crashes, configChanges;
   double lose, dup;
   int seeds;
 };
 
 const Shape kShapes[] = {
-    {"one node", 1, 0, 1, 0, 0.0, 0.0, 5},
-    {"one node, crashes", 1, 0, 1, 4, 0.0, 0.0, 10},
-    {"three nodes, clean", 3, 0, 1, 0, 0.0, 0.0, 10},
-    {"three nodes, lossy", 3, 0, 1, 0, 0.1, 0.1, 20},
-    {"three nodes, lossy, crashes", 3, 0, 1, 6, 0.1, 0.1, 30},
-    {"five nodes, lossy, crashes", 5, 0, 1, 8, 0.15, 0.1, 15},
-    {"two nodes and a tiebreaker", 2, 1, 1, 6, 0.1, 0.1, 20},
-    {"three nodes, three tiebreakers", 3, 3, 1, 6, 0.1, 0.1, 15},
+    {"one node", 1, 0, 1, 0, 0, 0.0, 0.0, 5},
+    {"one node, crashes", 1, 0, 1, 4, 0, 0.0, 0.0, 10},
+    {"three nodes, clean", 3, 0, 1, 0, 0, 0.0, 0.0, 10},
+    {"three nodes, lossy", 3, 0, 1, 0, 0, 0.1, 0.1, 20},
+    {"three nodes, lossy, crashes", 3, 0, 1, 6, 0, 0.1, 0.1, 30},
+    {"five nodes, lossy, crashes", 5, 0, 1, 8, 0, 0.15, 0.1, 15},
+    {"two nodes and a tiebreaker", 2, 1, 1, 6, 0, 0.1, 0.1, 20},
+    {"three nodes, three tiebreakers", 3, 3, 1, 6, 0, 0.1, 0.1, 15},
+    {"three nodes, membership changes", 3, 0, 1, 0, 6, 0.1, 0.1, 20},
+    {"three nodes, membership changes, crashes", 3, 0, 1, 4, 6, 0.1, 0.1, 20},
+    {"two nodes and a tiebreaker, membership changes", 2, 1, 1, 4, 4, 0.1, 0.1, 15},
 };
 
 TEST(PaxosSim, EveryShapeKeepsAgreementAndFinishes) {
@@ -34,6 +37,7 @@ TEST(PaxosSim, EveryShapeKeepsAgreementAndFinishes) {
       c.tiebreakers = s.tiebreakers;
       c.minNodes = s.minNodes;
       c.crashes = s.crashes;
+      c.configChanges = s.configChanges;
       c.loseRequest = c.loseReply = s.lose;
       c.duplicate = s.dup;
       SimResult r = RunPaxosSim(c);

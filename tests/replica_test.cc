@@ -247,3 +247,120 @@ TEST(Replica, DisagreeingBlocksAre148NeverAnAbort) {
 }
 
 }  // namespace
+
+namespace {
+
+// Three replicas in one process over shared in-memory stores, and optionally
+// tiebreakers: what several zeld nodes do over "pxrdwr" and disk files.
+struct Cluster {
+  std::vector<std::shared_ptr<MemDisk>> stores, tiebreakers;
+  std::vector<std::unique_ptr<Recorder>> recs;  // outlive the replicas that call them
+  std::vector<std::unique_ptr<Replica>> nodes;
+
+  Cluster(int n, int t) {
+    CommittedState st;
+    for (int i = 0; i < n; i++) st.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
+    for (int j = 0; j < t; j++) st.config.disks.push_back(j);
+    st.config.minNodes = 1;
+    Dblock b;
+    b.committed = st;
+    for (int i = 0; i < n; i++) {
+      stores.push_back(std::make_shared<MemDisk>("node store " + std::to_string(i + 1)));
+      stores.back()->init(i, b);
+    }
+    for (int j = 0; j < t; j++) {
+      tiebreakers.push_back(std::make_shared<MemDisk>("tiebreaker " + std::to_string(j)));
+      tiebreakers.back()->init(0, b);
+    }
+    nodes.resize(n);
+    for (int i = 0; i < n; i++) recs.emplace_back(new Recorder);
+    for (int i = 0; i < n; i++) EXPECT_EQ(open(i), 0);
+  }
+  int open(int i) {
+    ReplicaOptions o = optionsFor(stores[i], recs[i].get());
+    o.nodeId = i + 1;
+    o.seed = 11 + i;
+    o.requestMs = 2000;
+    o.disks = [this](const CommittedState&) {
+      DiskSet s;
+      s.nodeStores.assign(stores.begin(), stores.end());
+      s.tiebreakers.assign(tiebreakers.begin(), tiebreakers.end());
+      return s;
+    };
+    return OpenReplica(o, &nodes[i]);
+  }
+  // The node is gone: its replica stops and its store stops answering.
+  void stop(int i) {
+    nodes[i].reset();
+    stores[i]->setFailure(111);
+  }
+};
+
+TEST(ReplicaCluster, ConcurrentWritersThroughEveryNodeLoseNothing) {
+  Cluster c(3, 0);
+  const int kPerWriter = 15;
+  std::vector<std::thread> writers;
+  std::atomic<int> failures{0};
+  for (int w = 0; w < 6; w++) {
+    writers.emplace_back([&, w] {
+      Replica* r = c.nodes[w % 3].get();
+      for (int k = 1; k <= kPerWriter; k++) {
+        // One stream per writer; a conditional increment of a shared counter.
+        UpdateId uid(w % 3 + 1, w + 1, k);
+        PrepareFn inc = [uid](const CommittedState& st, ProposedUpdate* u) {
+          auto it = st.valueList.find("n");
+          int old = it == st.valueList.end() ? 0 : it->second.version;
+          int v = it == st.valueList.end() ? 0 : std::stoi(it->second.value);
+          *u = ProposedUpdate(uid, ValueUpdate("n", std::to_string(v + 1)), old + 1);
+          return 0;
+        };
+        if (r->submit(inc, nullptr, nullptr) != 0) failures++;
+      }
+    });
+  }
+  for (auto& t : writers) t.join();
+  EXPECT_EQ(failures, 0);
+  int seq = 0;
+  CommittedState st;
+  ASSERT_EQ(c.nodes[0]->submit(putFn(UpdateId(1, 99, 1), "done", "1"), &seq, &st), 0);
+  EXPECT_EQ(st.valueList["n"].value, std::to_string(6 * kPerWriter));
+  EXPECT_EQ(seq, 6 * kPerWriter + 1);
+}
+
+TEST(ReplicaCluster, SurvivesAMinorityAndRefusesWithoutAQuorum) {
+  struct Case {
+    const char* name;
+    int nodes, tiebreakers;
+    std::vector<int> down;
+    int rc;
+  } cases[] = {
+      {"3 nodes, one down", 3, 0, {2}, 0},
+      {"3 nodes, two down", 3, 0, {1, 2}, 819},
+      {"2 nodes and a tiebreaker, first down", 2, 1, {0}, 0},
+      {"2 nodes and a tiebreaker, second down", 2, 1, {1}, 0},
+  };
+  for (const Case& k : cases) {
+    Cluster c(k.nodes, k.tiebreakers);
+    for (int i : k.down) c.stop(i);
+    int live = 0;
+    while (std::find(k.down.begin(), k.down.end(), live) != k.down.end()) live++;
+    int seq = 0;
+    EXPECT_EQ(c.nodes[live]->submit(putFn(UpdateId(live + 1, 1, 1), "x", "1"), &seq, nullptr), k.rc)
+        << k.name;
+    if (k.rc != 0) continue;
+    // A stopped node that comes back catches up from the blocks.
+    int back = k.down[0];
+    c.stores[back]->setFailure(0);
+    ASSERT_EQ(c.open(back), 0) << k.name;
+    CommittedState st;
+    int backSeq = 0;
+    for (int tries = 0; tries < 100 && backSeq < seq; tries++) {
+      c.nodes[back]->snapshot(&backSeq, &st);
+      if (backSeq < seq) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(backSeq, seq) << k.name;
+    EXPECT_EQ(st.valueList["x"].value, "1") << k.name;
+  }
+}
+
+}  // namespace

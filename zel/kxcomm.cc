@@ -125,11 +125,11 @@ int Connection::receive(int* type, char** body, int* length) {
 }
 
 int kxFullSend(int sock, const char* buf, size_t len, int timeoutMs) {
-  return kxSendUntil(sock, buf, len, PlatNowMs() + timeoutMs);
+  return kxSendUntil(sock, buf, len, PlatDeadlineAfter(timeoutMs));
 }
 
 int kxFullRecv(int sock, char* buf, size_t len, int timeoutMs) {
-  return kxRecvUntil(sock, buf, len, PlatNowMs() + timeoutMs);
+  return kxRecvUntil(sock, buf, len, PlatDeadlineAfter(timeoutMs));
 }
 
 int kxSendUntil(int sock, const char* buf, size_t len, long long deadlineMs) {
@@ -187,7 +187,7 @@ void ConnImplementation::close() {
 int ConnImplementation::send(int type, const char* body, int length) {
   trace(5, "sending msg %d '%s' len %d (sock %d)", type, msgName(type), length, sock_);
   if (length < 0) length = 0;
-  const long long deadline = PlatNowMs() + (sendMs_ >= 0 ? sendMs_ : sendTimeoutMs);
+  const long long deadline = PlatDeadlineAfter(sendMs_ >= 0 ? sendMs_ : sendTimeoutMs);
   int rc = sendRpcHdr(sock_, type, static_cast<unsigned int>(length), deadline);
   if (rc != 0) {
     broken_ = true;
@@ -232,7 +232,7 @@ int ConnImplementation::receive(int* type, MsgBody* body) {
   trace(7, "waiting for hdr (len %d)", static_cast<int>(kHdrLen));
   // One deadline for header and body: a peer sending a byte at a time cannot
   // hold the connection longer than a whole message may take.
-  const long long deadline = PlatNowMs() + (recvMs_ >= 0 ? recvMs_ : recvTimeoutMs);
+  const long long deadline = PlatDeadlineAfter(recvMs_ >= 0 ? recvMs_ : recvTimeoutMs);
   unsigned int dataLen = 0;
   int code = 0;
   int rc = recvRpcHdr(sock_, &dataLen, &code, deadline);

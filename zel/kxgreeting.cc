@@ -77,7 +77,7 @@ int kxSendGreeting(int sock, int timeoutMs, unsigned long long clusterId, SdrSec
 
 int kxReadGreetingAnswer(int sock, int timeoutMs, SdrSecInfo* info) {
   // One deadline for the whole answer, however it is cut into pieces.
-  const long long deadline = PlatNowMs() + timeoutMs;
+  const long long deadline = PlatDeadlineAfter(timeoutMs);
   char ans[kAnswerLen];
   int rc = kxRecvUntil(sock, ans, kAnswerLen, deadline);
   if (rc != 0) return rc;
@@ -127,7 +127,7 @@ int kxConnectSocket(int sock, const CommAddr& addr, int timeoutMs, unsigned long
   if (rc != 0) return rc;
   struct sockaddr_storage ss;
   socklen_t slen = addr.addr.toSockaddr(addr.port, &ss);
-  long long deadline = PlatNowMs() + timeoutMs;
+  long long deadline = PlatDeadlineAfter(timeoutMs);
   for (;;) {
     rc = PlatConnect(sock, reinterpret_cast<struct sockaddr*>(&ss), slen);
     if (rc == 0 || rc == EISCONN) break;

@@ -189,6 +189,13 @@ bool ClientRetry::nextTry(int err) {
   long long d = round == 0 ? 0 : (round > 40 ? (1LL << 40) : (1LL << (round - 1)));
   if ((stopAfterRound && attempt >= n) || d >= maxRetryTime) return false;
   double delay = static_cast<double>(d) / n;
+  // Under ZEL_DEADLINE a pause that would end past it ends the request instead,
+  // with the error of the attempts made so far.
+  long long left = PlatCommandTimeLeft();
+  if (left == 0 || (left > 0 && delay * 1000 >= static_cast<double>(left))) {
+    trace(3, "%s: no time left for another attempt (deadline)", name.c_str());
+    return false;
+  }
   if (attempt > 0) {
     trace(3, "%s %s to server %d failed with err %d: retrying (delay %.1f sec)", name.c_str(),
           connected ? "operation" : "connect", server, err, delay);

@@ -6,6 +6,8 @@
 #include "platform/ptrace.h"
 #include "zel/paxosutils.h"
 #include "zel/zelcmd.h"
+#include "zel/zeldeadline.h"
+#include "zel/zelprogress.h"
 #include "zel/zelutils.h"
 #include "zel/zelversion.h"
 
@@ -49,6 +51,8 @@ void closeTraceDevice() {
 int mainBody(int argc, char** argv) {
   pgmName = argv[0];
   if (PrintVersionIfAsked(argc, argv)) return 0;
+  // The deadline counts from the start.
+  std::string badDeadline = ApplyDeadlineFromEnv();
   InitZelTrace();
   if (argc < 2) usageExit();
 
@@ -65,7 +69,9 @@ int mainBody(int argc, char** argv) {
     usageExit(s.usageError.empty() ? "invalid option" : s.usageError.c_str());
   }
   std::string badEnv = checkEnvironment();
+  if (badEnv.empty()) badEnv = badDeadline;
   if (!badEnv.empty()) usageExit(badEnv.c_str());
+  if (s.subcmd == "fput" || s.subcmd == "fget") StartProgress(s.subcmd.c_str());
   // Ctrl-C or a kill during a transfer takes the partial file with it.
   PlatInstallTempCleanup();
   // -V raises the diagnostics level above what ZEL_DEBUG gives.

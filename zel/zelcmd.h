@@ -101,6 +101,10 @@ int DumpCommand(const ZelSettings& s, const ZelArgs& args);
 int ShowCommand(const ZelSettings& s, const ZelArgs& args);
 int ReadPaxosCommand(const ZelSettings& s, const ZelArgs& args);
 int QuitCommand(const ZelSettings& s, const ZelArgs& args);
+// One line per node of the local node list (its "status" and round trip) and per
+// tiebreaker disk; 819 when fewer than HealthNodesRequired nodes are up.
+int HealthCommand(const ZelSettings& s, const ZelArgs& args);
+int HealthNodesRequired(int nodes, int disks);
 
 // Asks every node, in order, to reload its authentication configuration. Each
 // failure is reported on stderr; all nodes are asked. The first failure's

@@ -36,6 +36,7 @@ const SubcommandRow kSubcommands[] = {
     {"show", ShowCommand, S::kFull, A::kExact, 0, "Required", false, false},
     {"readpaxos", ReadPaxosCommand, S::kNone, A::kExact, 1, "Required", false, false},
     {"quit", QuitCommand, S::kLocal, A::kExact, 0, "Required", false, false},
+    {"health", HealthCommand, S::kOwn, A::kExact, 0, "Required", false, false},
 };
 
 }  // namespace

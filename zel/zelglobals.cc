@@ -13,6 +13,7 @@
 #include "zel/paxosutils.h"
 #include "zel/zellock.h"
 #include "zel/zelutils.h"
+#include "zel/zelxfer.h"
 
 // (type, name, initial value)
 #define ZEL_GLOBALS(X)                                 \
@@ -80,6 +81,8 @@ void ResetProcessState() {
   PlatSetFsOps(nullptr);
   PlatSetSleepFn(nullptr);
   PlatSetNowFn(nullptr);
+  PlatSetCommandDeadline(0);
+  SetXferProgress(nullptr);
   PlatSetConnectFn(nullptr);
 
 #define ZEL_RESET(type, name, init) name = init;

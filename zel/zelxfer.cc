@@ -16,6 +16,12 @@
 
 namespace {
 
+XferProgressFn progressFn = nullptr;
+
+void progress(long long done, long long total) {
+  if (progressFn != nullptr) progressFn(done, total);
+}
+
 // Fills buf from fd up to len bytes or end of file.
 int readChunk(int fd, char* buf, size_t len, size_t* got) {
   *got = 0;
@@ -43,6 +49,10 @@ int writeAll(int fd, const char* buf, size_t len, size_t* put) {
 }
 
 }  // namespace
+
+void SetXferProgress(XferProgressFn fn) {
+  progressFn = fn;
+}
 
 int sendFile(Connection* conn, const std::string& path, long long fSize, bool* localErr) {
   bool dummy;
@@ -88,6 +98,7 @@ int sendFile(Connection* conn, const std::string& path, long long fSize, bool* l
     rc = conn->send(MSG_TYPE_FDATA, buf.get(), static_cast<int>(got));
     if (rc != 0) break;
     bytesSent += static_cast<long long>(got);
+    progress(bytesSent, fSize);
   }
   if (rc == 0 && !changed) {
     // Grown, or rewritten in place while it was read.
@@ -207,6 +218,7 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
       return rc;
     }
     received += len;
+    progress(received, fSize);
     *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
                        *crcP);
   }

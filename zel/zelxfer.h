@@ -12,6 +12,11 @@ constexpr int kXferChunkBytes = 1048576;
 // -1 and decode up to 2^31 - 1.
 constexpr long long kMaxXferFileBytes = 2147483646LL;
 
+// Called after each chunk a transfer moves (bytes so far, bytes in all), when set.
+// Only kxzel's front end sets it, to show progress; a server never does.
+using XferProgressFn = void (*)(long long done, long long total);
+void SetXferProgress(XferProgressFn fn);
+
 // Sends the file of fSize bytes. *localErr (optional) tells whether a failure
 // lay on this machine. 810 when the file cannot be opened, or when it is found
 // to differ from the fSize bytes announced (then no "fcrc" is sent and the

@@ -4,7 +4,8 @@
 // no two nodes decide different inputs or reach different states for one seq,
 // that every update acknowledged is in every later state, the cores'
 // invariants, and that after the faults stop every request ends and the nodes
-// agree.
+// of the final configuration agree. Configuration changes add nodes (their
+// store initialised from the state, as chnodes does) into freed slots.
 #ifndef TESTS_SUPPORT_PAXOSSIM_H
 #define TESTS_SUPPORT_PAXOSSIM_H
 
@@ -20,6 +21,7 @@ struct SimConfig {
   double duplicate = 0.05;
   long long maxDelayMs = 20;
   int crashes = 0;
+  int configChanges = 0;  // each removes a node or adds a new one in the freed slot
   int updatesPerNode = 8;
   long long faultyMs = 20000;  // faults and submissions happen before this
   long long healMs = 20000;    // then this long without faults to finish
