@@ -115,7 +115,12 @@ TEST_F(RequestTest, RetryScheduleTimeoutsAndStopRules) {
     refuseWith = c.refuse;
     int seq = 0;
     CommittedState st;
+    ClearErrorCause();
     EXPECT_EQ(PaxosValueGet(&seq, &st), c.rc);
+    // 801 comes with what the last server tried said.
+    EXPECT_EQ(
+        c.rc == E_NO_SERVER ? "last server tried: 127.0.0.1:9: Connection refused (err 111)" : "",
+        ErrorCause());
     std::vector<std::pair<int, int>> want;
     for (size_t i = 0; i < c.timeouts.size(); i++) want.push_back({i % c.n + 1, c.timeouts[i]});
     EXPECT_EQ(connects, want);

@@ -225,8 +225,13 @@ int PaxosRequest(const char* name, const PaxosAttemptFn& attempt) {
     releaseConnection(conn);
     flushCacheUpdates(&retry);
   }
-  if (retry.active) return retry.firstError != 0 ? retry.firstError : E_NO_SERVER;
-  return err;
+  if (!retry.active) return err;
+  if (retry.firstError == 0 && err > 0) {
+    // 801 alone does not say why: the last server's answer does.
+    SetErrorCause("last server tried: %s: %s (err %d)", serverText(retry.server).c_str(),
+                  errcodeToString(err), err);
+  }
+  return retry.firstError != 0 ? retry.firstError : E_NO_SERVER;
 }
 
 int PaxosDiscover() {
