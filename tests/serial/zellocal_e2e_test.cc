@@ -9,9 +9,11 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -148,7 +150,9 @@ TEST_F(ZelLocalE2E, ANodeThatDoesNotComeUpIsReportedWithItsLog) {
   RunResult up = Local({"up", dir, "-n", "1", "-d", "0"});
   ASSERT_EQ(up.exitStatus, 0) << up.err;
   ASSERT_EQ(Local({"stop", dir, "1"}).exitStatus, 0);
-  WriteFile(dir + "/node1/zel.paxos", "this is not a state file");
+  // A directory where the server's lock file belongs: it cannot lock and stops.
+  ASSERT_EQ(::unlink((dir + "/node1/zeld.lock").c_str()) == 0 || errno == ENOENT, true);
+  ASSERT_EQ(::mkdir((dir + "/node1/zeld.lock").c_str(), 0755), 0);
   RunResult start = Local({"start", dir, "1"});
   EXPECT_EQ(start.exitStatus, 1);
   EXPECT_NE(start.err.find("node 1 did not come up; the end of " + dir + "/node1.log:"),
