@@ -21,22 +21,48 @@ std::atomic<size_t> largest{0};
 
 }  // namespace
 
-// Every allocation of this test binary passes here; only the largest one made
-// while tracking is remembered.
-void* operator new(size_t n) {
+// Every allocation of this test binary passes here (it has a binary of its own so
+// that no other test runs on these replacements); only the largest one made
+// while tracking is remembered. Every form is replaced, so that each delete
+// meets the allocator of its new.
+static void* TrackedAlloc(size_t n) {
   if (tracking.load(std::memory_order_relaxed)) {
     size_t cur = largest.load(std::memory_order_relaxed);
     while (n > cur && !largest.compare_exchange_weak(cur, n)) {
     }
   }
-  void* p = std::malloc(n == 0 ? 1 : n);
+  return std::malloc(n == 0 ? 1 : n);
+}
+void* operator new(size_t n) {
+  void* p = TrackedAlloc(n);
   if (p == nullptr) throw std::bad_alloc();
   return p;
+}
+void* operator new[](size_t n) {
+  return operator new(n);
+}
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+  return TrackedAlloc(n);
+}
+void* operator new[](size_t n, const std::nothrow_t&) noexcept {
+  return TrackedAlloc(n);
 }
 void operator delete(void* p) noexcept {
   std::free(p);
 }
 void operator delete(void* p, size_t) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
   std::free(p);
 }
 
