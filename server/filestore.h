@@ -36,10 +36,19 @@ class FileStore {
   int idFor(const std::string& name, const CommittedState& s, int* id);
   // The mapped id, or -1.
   int lookup(const std::string& name) const;
+  // The name mapped to id, or "".
+  std::string nameOf(int id) const;
+  // A decided file update names (name, id): the map follows it, dropping any
+  // other id the name had and any other name the id had (made durable).
+  int learn(const std::string& name, int id);
+  // A new id above every id mapped here and every id of s (not reserved).
+  int nextId(const CommittedState& s) const;
   FileIdMap idMap() const;
 
   // A new, empty staging file for the update uid, opened for writing.
   int createStaging(const UpdateId& uid, std::string* path, int* fd);
+  // A fresh staging name for the update uid, for a receiver that creates the file.
+  std::string stagingName(const UpdateId& uid);
   // Links the staging file of a decided file update to its committed name (the
   // link and its directory made durable), removes the staging name, and drops
   // versions older than the previous one.
@@ -56,6 +65,10 @@ class FileStore {
   int openVersion(int fileId, int version, const UpdateId& uid, int* fd, long long* size,
                   unsigned int* crc) const;
   std::string committedPath(const std::string& name, int fileId, const FileVersion& fv) const;
+  // Whether the committed copy of (fileId, fv) is here.
+  bool holds(int fileId, const FileVersion& fv) const;
+  // The path of the newest copy of fileId held here, or "".
+  std::string latestPath(int fileId) const;
   const std::string& committedDir() const { return committedDir_; }
 
  private:

@@ -22,6 +22,7 @@ class EngineReplica : public Replica {
   int open();
   int submit(const PrepareFn& prepare, int* seq, CommittedState* state) override;
   void snapshot(int* seq, CommittedState* state) const override;
+  int barrier(int* seq, CommittedState* state) override;
   std::string describe() const override;
 
  private:
@@ -37,6 +38,7 @@ class EngineReplica : public Replica {
   void driverLoop();
   void workerLoop(Worker* w);
   void publish(std::unique_lock<std::mutex>& lock);
+  int await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq, CommittedState* state);
 
   ReplicaOptions o_;
   mutable std::mutex mu_;
@@ -212,7 +214,7 @@ int EngineReplica::open() {
   dispatch(core_.takeOps());
   driver_ = std::thread([this] { driverLoop(); });
   // Serve only once the node knows where the repository stands (bounded).
-  long long until = PlatNowMs() + o_.requestMs;
+  long long until = PlatNowMs() + std::min(o_.requestMs, o_.settleMs);
   while (!core_.settled() && PlatNowMs() < until)
     doneCv_.wait_for(lock, std::chrono::milliseconds(20));
   return 0;
@@ -236,6 +238,23 @@ EngineReplica::~EngineReplica() {
 int EngineReplica::submit(const PrepareFn& prepare, int* seq, CommittedState* state) {
   std::unique_lock<std::mutex> lock(mu_);
   uint64_t id = core_.submit(prepare, PlatNowMs());
+  return await(lock, id, seq, state);
+}
+
+int EngineReplica::barrier(int* seq, CommittedState* state) {
+  std::unique_lock<std::mutex> lock(mu_);
+  if (set_.tiebreakers.empty() && set_.nodeStores.size() == 1 &&
+      set_.nodeStores[0] == o_.ownStore) {
+    lock.unlock();
+    snapshot(seq, state);
+    return 0;
+  }
+  uint64_t id = core_.barrier(PlatNowMs());
+  return await(lock, id, seq, state);
+}
+
+int EngineReplica::await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq,
+                         CommittedState* state) {
   dispatch(core_.takeOps());
   cv_.notify_all();
   doneCv_.wait(lock, [&] { return results_.count(id) != 0 || stop_; });
