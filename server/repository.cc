@@ -217,6 +217,12 @@ bool Repository::holdsFile(int fileId, const FileVersion& fv) const {
   return files_->holds(fileId, fv);
 }
 
+bool Repository::lacksFiles(const CommittedState& s) const {
+  for (const auto& [id, fv] : s.fileList)
+    if (!files_->holds(id, fv)) return true;
+  return false;
+}
+
 PxFiles Repository::pxFiles() {
   PxFiles p;
   p.holds = [this](const ProposedUpdate& u) {

@@ -89,6 +89,8 @@ class Repository {
   // Whether this node holds the content of the file the state names for fileId
   // (a node that caught up fetches it from the others first).
   bool holdsFile(int fileId, const FileVersion& fv) const;
+  // Whether some file s names is not here yet.
+  bool lacksFiles(const CommittedState& s) const;
 
   // Proposes one update. A null *uid gets the next main-stream id, handed to
   // announce before anything is decided. fresh: *uid was issued for this

@@ -7,7 +7,8 @@
 
 namespace zeld {
 
-ReplicaFactory EngineReplicaFactory();
+// requestMs: how long an update or a read waits for a quorum before 819.
+ReplicaFactory EngineReplicaFactory(long long requestMs = 20000);
 
 }  // namespace zeld
 
