@@ -174,6 +174,7 @@ void PaxosCore::startAttempt(Phase p, long long now) {
     bestInp_ = own_.inp;
   }
   phaseDeadline_ = now + o_.phaseMs;
+  if (o_.point && (p == kPhase1 || p == kPhase2)) o_.point(p == kPhase1 ? "phase1" : "phase2");
   if (p != kPhase2) attemptRead_ = ++readsStarted_;
   if (p == kPhase1) ballotRead_ = attemptRead_;
   bool write = p == kPhase1 || p == kPhase2 || p == kAnnounce;
@@ -314,6 +315,7 @@ void PaxosCore::decide(long long now) {
     return setFault(msg.c_str(), now);
   }
   trace(3, "node %d: seq %d decided %s", o_.nodeId, own_.seq, value_.toString().c_str());
+  if (o_.point) o_.point("decided");
   own_.inp = value_;
   own_.applyInp();
   recovering_ = false;
@@ -322,6 +324,7 @@ void PaxosCore::decide(long long now) {
   e.state = own_.committed;
   e.inp = value_;
   applied_.push_back(std::move(e));
+  if (o_.point) o_.point("applied");
   enterSeq(now);
   // This ballot's phase 1 read a quorum: whatever was decided before it began is
   // in the state now (a decided input is the one every later ballot carries).

@@ -73,6 +73,9 @@ class PaxosCore {
     unsigned seed = 1;
     size_t maxQueue = 1024;
     std::function<DiskShape(const CommittedState&)> shape;
+    // Test hook: called at "phase1" and "phase2" (a ballot's phase begins),
+    // "decided" (a quorum accepted, before applying) and "applied".
+    std::function<void(const char* point)> point;
   };
   enum Phase { kStarting, kIdle, kPoll, kPhase1, kPhase2, kAnnounce, kBackoff, kFaulted };
 

@@ -110,6 +110,9 @@ struct ReplicaOptions {
   long long pollMs = 1000;         // an idle node reads the disks this often to catch up
   unsigned seed = 0;               // back-off randomness; 0 picks one from the clock
   long long settleMs = 20000;      // OpenReplica waits this long for a first quorum read
+  // Test builds only: the process kills itself at this point of a ballot
+  // ("phase1", "phase2", "decided", "applied"); empty: never.
+  std::string crashAt;
 };
 
 // Opens a replica that starts from the newest block of its own store and runs

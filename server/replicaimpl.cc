@@ -1,6 +1,9 @@
 // The threaded runner: drives a PaxosCore on real disks. One driver thread owns
 // the core's time-outs and callbacks; one worker per disk runs its operations,
 // so a slow disk delays only itself.
+#include <signal.h>
+#include <stdio.h>
+
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -68,6 +71,15 @@ PaxosCore::Options coreOptions(const ReplicaOptions& o) {
   c.phaseMs = o.phaseMs;
   c.pollMs = o.pollMs;
   c.seed = o.seed != 0 ? o.seed : static_cast<unsigned>(PlatNowMs() * 2654435761u + o.nodeId);
+  if (!o.crashAt.empty()) {
+    std::string at = o.crashAt;
+    c.point = [at](const char* point) {
+      if (at == point) {
+        fprintf(stderr, "zeld: test switch: crashing at %s\n", point);
+        raise(SIGKILL);
+      }
+    };
+  }
   return c;
 }
 

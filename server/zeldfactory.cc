@@ -23,21 +23,22 @@ int initialSlot(const Dblock& b, int nodeId) {
 
 }  // namespace
 
-ReplicaFactory EngineReplicaFactory(long long requestMs) {
+ReplicaFactory EngineReplicaFactory(long long requestMs, const std::string& crashAt) {
   ReplicaFactory f;
   f.initStore = [](const std::string& path, int nodeId, const Dblock& b) {
     int slot = initialSlot(b, nodeId);
     if (slot < 0 || slot >= kDiskSlots) return static_cast<int>(E_INVAL);
     return BlockStore::Init(path, slot, b);
   };
-  f.open = [requestMs](const std::string& path, int nodeId, const ReplicaHooks& hooks,
-                       std::shared_ptr<Disk>* storeOut, std::unique_ptr<Replica>* out) {
+  f.open = [requestMs, crashAt](const std::string& path, int nodeId, const ReplicaHooks& hooks,
+                                std::shared_ptr<Disk>* storeOut, std::unique_ptr<Replica>* out) {
     std::shared_ptr<BlockStore> store;
     int rc = BlockStore::Open(path, &store);
     if (rc != 0) return rc;
     ReplicaOptions o;
     o.nodeId = nodeId;
     o.requestMs = requestMs;
+    o.crashAt = crashAt;
     o.ownStore = store;
     auto disks = hooks.disks;
     o.disks = [store, disks](const CommittedState& s) {

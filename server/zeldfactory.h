@@ -8,7 +8,9 @@
 namespace zeld {
 
 // requestMs: how long an update or a read waits for a quorum before 819.
-ReplicaFactory EngineReplicaFactory(long long requestMs = 20000);
+// crashAt: a test build's crash point (ReplicaOptions::crashAt).
+ReplicaFactory EngineReplicaFactory(long long requestMs = 20000,
+                                    const std::string& crashAt = std::string());
 
 }  // namespace zeld
 

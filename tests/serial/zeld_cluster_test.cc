@@ -9,7 +9,11 @@
 #include <chrono>
 #include <thread>
 
+#include <mutex>
+#include <random>
+
 #include "support/cluster.h"
+#include "support/linearize.h"
 #include "support/testutil.h"
 
 namespace {
@@ -127,6 +131,27 @@ TEST_F(ZeldCluster, ALostReplyRetriedOnAnotherNodeIsAppliedOnce) {
   EXPECT_EQ(Get("x"), "2:second");
 }
 
+TEST_F(ZeldCluster, KillingTheProposerAtEachPointAppliesTheUpdateOnce) {
+  Up(3, 0);
+  ASSERT_EQ(Put("v", "start"), 0);
+  int version = 1;
+  for (const char* point : {"phase1", "phase2", "decided", "applied"}) {
+    SCOPED_TRACE(point);
+    c_->setEnv(0, {{"ZEL_TEST_CRASH_AT", point}});
+    c_->stop(0);
+    ASSERT_TRUE(c_->start(0));
+    int rc = Put("v", point, 0);
+    EXPECT_FALSE(c_->running(0)) << "the crash point was not reached";
+    c_->setEnv(0, kQuickRefusal);
+    ASSERT_TRUE(c_->restart(0));
+    // The client went on through another node with the same update id.
+    ASSERT_EQ(rc, 0);
+    version++;
+    std::string want = std::to_string(version) + ":" + point;
+    for (int via = 0; via < 3; via++) EXPECT_EQ(Get("v", via), want) << "through node " << via;
+  }
+}
+
 TEST_F(ZeldCluster, NodesAndDisksChangeWhileAWriterLoops) {
   Up(4, 2, 3, 1);
   std::atomic<bool> stop{false};
@@ -161,6 +186,86 @@ TEST_F(ZeldCluster, NodesAndDisksChangeWhileAWriterLoops) {
   c_->kill9(0);
   EXPECT_EQ(Put("after", "change"), 0);
   EXPECT_EQ(Get("after", 3), "1:change");
+}
+
+long long NowUs() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+TEST_F(ZeldCluster, HistoriesUnderNodeKillsAreLinearizable) {
+  Up(3, 0);
+  unsigned seed = static_cast<unsigned>(NowUs());
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mutex mu;
+  std::vector<lin::Op> history;
+  std::atomic<bool> stop{false};
+  auto client = [&](int id) {
+    std::mt19937 rng(seed + static_cast<unsigned>(id));
+    for (int i = 0; !stop; i++) {
+      lin::Op op;
+      op.client = id;
+      op.name = "k" + std::to_string(rng() % 2);
+      int via = static_cast<int>(rng() % 3);
+      int pick = static_cast<int>(rng() % 3);
+      std::vector<std::string> args;
+      if (pick == 0) {
+        op.kind = lin::Op::kGet;
+        args = {"vget", op.name};
+      } else {
+        op.kind = pick == 1 ? lin::Op::kPut : lin::Op::kCondPut;
+        op.value = std::to_string(id) + "." + std::to_string(i);
+        op.expected = static_cast<int>(rng() % 4);
+        if (pick == 1)
+          args = {"vput", op.name, op.value};
+        else
+          args = {"vput", "-c", std::to_string(op.expected), op.name, op.value};
+      }
+      op.invoke = NowUs();
+      RunResult r = c_->kxzel(args, via, 30000);
+      long long done = NowUs();
+      if (op.kind == lin::Op::kGet) {
+        size_t at = r.out.rfind("vget:");
+        if (r.exitStatus == 152) {
+          op.outcome = lin::Op::kAbsent;
+        } else if (r.exitStatus == 0 && at != std::string::npos) {
+          std::string line = r.out.substr(at + 5);
+          line = line.substr(0, line.find('\n'));
+          op.version = atoi(line.c_str());
+          op.value = line.substr(line.find(':') + 1);
+        } else {
+          continue;  // a read that failed says nothing
+        }
+        op.complete = done;
+      } else if (r.exitStatus == 0 || r.exitStatus == 153) {
+        op.outcome = r.exitStatus == 0 ? lin::Op::kOk : lin::Op::kRefused;
+        op.complete = done;
+      } else {
+        op.outcome = lin::Op::kUnknown;
+      }
+      std::lock_guard<std::mutex> g(mu);
+      history.push_back(op);
+    }
+  };
+  std::vector<std::thread> clients;
+  for (int id = 0; id < 3; id++) clients.emplace_back(client, id);
+  std::mt19937 rng(seed);
+  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(8);
+  while (std::chrono::steady_clock::now() < until) {
+    int victim = static_cast<int>(rng() % 3);
+    c_->kill9(victim);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    ASSERT_TRUE(c_->restart(victim));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  stop = true;
+  for (std::thread& t : clients) t.join();
+  int ok = 0;
+  for (const lin::Op& op : history) ok += op.outcome != lin::Op::kUnknown;
+  EXPECT_GT(ok, 30) << "too few operations completed";
+  lin::Verdict v = lin::CheckLinearizable(history);
+  EXPECT_EQ(v.kind, lin::Verdict::kLinearizable) << v.name << ": " << v.explanation;
 }
 
 }  // namespace
