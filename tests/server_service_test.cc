@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "server/rules.h"
+#include "support/fakeserver.h"
 #include "support/wirebodies.h"
 #include "support/zeldharness.h"
 #include "zel/paxosutils.h"
@@ -330,10 +331,7 @@ TEST(ServerService, MalformedInputLeavesTheServerUp) {
     ::close(s);
   }
   auto big = h.connect();
-  std::string hdr(8, '\0');
-  DumpUInt32(&hdr[0], ZEL_MAX_BODY_LENGTH + 1);
-  hdr[4] = static_cast<char>((MSG_TYPE_VPUT + kMsgCodeBias) >> 8);
-  hdr[5] = static_cast<char>(MSG_TYPE_VPUT + kMsgCodeBias);
+  std::string hdr = FakeServer::header8(MSG_TYPE_VPUT, ZEL_MAX_BODY_LENGTH + 1);
   ASSERT_EQ(kxFullSend(big->getSock(), hdr.data(), 8, 1000), 0);
   EXPECT_NE(ReceiveReply(big.get()).rc, 0);
   EXPECT_EQ(Exchange(c.get(), MSG_TYPE_STATUS, "").body, V(4, 0));
