@@ -296,9 +296,28 @@ void FileStore::forget(int fileId) {
   pruneLocked(fileId, 1);
 }
 
-int FileStore::reconcile(const CommittedState& s) {
+std::vector<std::string> FileStore::stagingFiles() const {
+  return listDir(stagingDir_);
+}
+
+int FileStore::commitFromStaging(const std::vector<std::string>& names, const ProposedUpdate& u) {
+  const FileUpdate* f = u.getFileUpdate();
+  if (f == nullptr) return ENOENT;
+  std::string prefix = kStagingPrefix + u.uid.uidString() + ".";
+  for (const std::string& n : names) {
+    if (n.compare(0, prefix.size(), prefix) != 0) continue;
+    std::string path = stagingDir_ + "/" + n;
+    unsigned int crc = 0;
+    if (fileCrc(path, &crc) != 0 || crc != f->crc) continue;
+    return commit(path, u);
+  }
+  return ENOENT;
+}
+
+int FileStore::reconcile(const CommittedState& s, const std::vector<std::string>& names,
+                         bool removeOthers) {
   int result = 0;
-  for (const std::string& f : listDir(stagingDir_)) {
+  for (const std::string& f : names) {
     std::string path = stagingDir_ + "/" + f;
     // "f.<uid>.<n>": a staging file whose update the state holds and whose copy is missing.
     size_t dot = f.find('.', 2);
@@ -323,7 +342,7 @@ int FileStore::reconcile(const CommittedState& s) {
         break;
       }
     }
-    if (!linked) {
+    if (!linked && removeOthers) {
       trace(3, "removing abandoned staging file '%s'", path.c_str());
       PlatUnlink(path.c_str());
     }

@@ -58,7 +58,14 @@ class FileStore {
   // Start-up: links staging files whose update the state holds but whose copy is
   // missing (the crash window between decision and link), then removes every
   // other staging file (abandoned fputs).
-  int reconcile(const CommittedState& s);
+  int reconcile(const CommittedState& s) { return reconcile(s, stagingFiles(), true); }
+  // The same over the staging files named (as listed by stagingFiles); others
+  // are left alone unless removeOthers.
+  int reconcile(const CommittedState& s, const std::vector<std::string>& names, bool removeOthers);
+  std::vector<std::string> stagingFiles() const;
+  // The staging file among names that holds the content of u (its uid, and the
+  // CRC u names), linked to its committed name: 0, or ENOENT when none does.
+  int commitFromStaging(const std::vector<std::string>& names, const ProposedUpdate& u);
 
   // Opens the committed copy of (fileId, version, uid) for reading; ENOENT when
   // this node does not hold it.

@@ -255,8 +255,9 @@ int EngineReplica::submit(const PrepareFn& prepare, int* seq, CommittedState* st
 
 int EngineReplica::barrier(int* seq, CommittedState* state) {
   std::unique_lock<std::mutex> lock(mu_);
+  // Alone, and past the recovery of its own last vote: its state is the truth.
   if (set_.tiebreakers.empty() && set_.nodeStores.size() == 1 &&
-      set_.nodeStores[0] == o_.ownStore) {
+      set_.nodeStores[0] == o_.ownStore && core_.settled()) {
     lock.unlock();
     snapshot(seq, state);
     return 0;

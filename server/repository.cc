@@ -73,7 +73,11 @@ int Repository::openReplica(bool settle) {
     trace(0, "update id epochs cannot be reserved (err %d)", rc);
     return rc;
   }
-  rc = files_->reconcile(s);
+  // Staging files of the last life: those the state names are linked now; the
+  // rest wait until a quorum read has shown what was decided (an input voted
+  // before a crash is decided again after it), then go.
+  startupStaging_ = files_->stagingFiles();
+  rc = files_->reconcile(s, startupStaging_, false);
   if (rc != 0) trace(1, "linking staged files at start-up failed (err %d)", rc);
   store_ = store;
   replica_ = std::move(r);
@@ -296,6 +300,27 @@ void Repository::wakeFetcher() {
 
 void Repository::fetchLoop() {
   std::unique_lock<std::mutex> lock(fetchMu_);
+  for (;;) {
+    std::vector<std::string> names;
+    {
+      std::lock_guard<std::mutex> g(stagingMu_);
+      names = startupStaging_;
+    }
+    if (names.empty() || fetchStop_) break;
+    lock.unlock();
+    int seq = 0;
+    CommittedState s;
+    int rc = replica_->barrier(&seq, &s);
+    if (rc == 0) {
+      files_->reconcile(s, names, true);
+      std::lock_guard<std::mutex> g(stagingMu_);
+      startupStaging_.clear();
+    }
+    lock.lock();
+    if (rc != 0)
+      fetchCv_.wait_for(lock, std::chrono::milliseconds(kFetchRetryMs),
+                        [this] { return fetchStop_; });
+  }
   fetchWanted_ = true;  // a restarted node may lack files of its state
   while (!fetchStop_) {
     if (!fetchWanted_) {
@@ -469,6 +494,19 @@ void Repository::applied(int seq, const CommittedState& s, const ProposedUpdate&
       stagedInputs_.erase(inp.uid.uidString());
     }
     if (path.empty()) {
+      // Decided again after a restart: its content may wait in a staging file
+      // of the last life.
+      std::vector<std::string> names;
+      {
+        std::lock_guard<std::mutex> g(stagingMu_);
+        names = startupStaging_;
+      }
+      if (faults_.crashBeforeLink) raise(SIGKILL);
+      if (!names.empty() && files_->commitFromStaging(names, inp) == 0) {
+        FileVersion fv(inp.version, inp.uid, f->crc);
+        listFileCommitted(f->name, files_->committedPath(f->name, f->fileId, fv));
+        return;
+      }
       trace(2, "applied file update %s has no staged file here; fetching it",
             inp.uid.toString().c_str());
       wakeFetcher();

@@ -135,6 +135,8 @@ class Repository {
   // Inputs received from their proposers ("pxrdwr"), by uidString: a node that
   // learns their decision by catching up links them from staging.
   std::map<std::string, ProposedUpdate> stagedInputs_;
+  // Staging files found at start, until a quorum read shows which were decided.
+  std::vector<std::string> startupStaging_;
   Peers peers_;
   std::shared_ptr<Disk> store_;
   std::mutex disksMu_;
