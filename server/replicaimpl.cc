@@ -255,12 +255,16 @@ int EngineReplica::submit(const PrepareFn& prepare, int* seq, CommittedState* st
 
 int EngineReplica::barrier(int* seq, CommittedState* state) {
   std::unique_lock<std::mutex> lock(mu_);
-  // Alone, and past the recovery of its own last vote: its state is the truth.
+  // Alone, past the recovery of its own last vote, and with every decided
+  // instance applied (callbacks done): its state is the truth.
   if (set_.tiebreakers.empty() && set_.nodeStores.size() == 1 &&
       set_.nodeStores[0] == o_.ownStore && core_.settled()) {
-    lock.unlock();
-    snapshot(seq, state);
-    return 0;
+    std::lock_guard<std::mutex> g(snapMu_);
+    if (snapSeq_ == core_.appliedSeq()) {
+      if (seq != nullptr) *seq = snapSeq_;
+      if (state != nullptr) *state = snapState_;
+      return 0;
+    }
   }
   uint64_t id = core_.barrier(PlatNowMs());
   return await(lock, id, seq, state);

@@ -58,6 +58,12 @@ int Repository::openReplica(bool settle) {
   hooks.disks = [this](const CommittedState& s, const std::shared_ptr<Disk>& own) {
     return disksFor(s, own);
   };
+  {
+    // Listed before the engine runs: it may decide an input of the last life
+    // again at once, and its apply looks for the content among these.
+    std::lock_guard<std::mutex> g(stagingMu_);
+    startupStaging_ = files_->stagingFiles();
+  }
   std::unique_ptr<Replica> r;
   std::shared_ptr<Disk> store;
   int rc = factory_.open(paths_.store, nodeId_, hooks, &store, &r);
@@ -76,7 +82,6 @@ int Repository::openReplica(bool settle) {
   // Staging files of the last life: those the state names are linked now; the
   // rest wait until a quorum read has shown what was decided (an input voted
   // before a crash is decided again after it), then go.
-  startupStaging_ = files_->stagingFiles();
   rc = files_->reconcile(s, startupStaging_, false);
   if (rc != 0) trace(1, "linking staged files at start-up failed (err %d)", rc);
   store_ = store;
