@@ -122,6 +122,7 @@ int Authenticate(int sock, const SecAuthParams& p, bool outgoing) {
   }
   trace(4, "%s aGen %d cGen %d cipher '%s' returns %d",
         outgoing ? "AuthenticateOutgoing" : "AuthenticateIncoming", p.aGen, p.cGen, cipher, rc);
+  // Through the library: a shutdown may have dropped the transport meanwhile.
   tls::Get()->SSL_CTX_free(ctx);
   return rc;
 }
