@@ -25,6 +25,22 @@ NodeList twoNodes() {
   return NodeList{{1, 0, 0, true}, {2, 1, 0, true}};
 }
 
+// A store file initialised with b in slot, and open.
+struct Store {
+  TempDir dir;
+  std::string path = dir.file("store");
+  std::shared_ptr<BlockStore> s;
+  std::vector<SlotBlock> out;
+  explicit Store(const Dblock& b, int slot = 0) {
+    EXPECT_EQ(BlockStore::Init(path, slot, b), 0);
+    EXPECT_EQ(reopen(), 0);
+  }
+  int reopen() {
+    s.reset();
+    return BlockStore::Open(path, &s);
+  }
+};
+
 // Flips bits of one byte of the file.
 void pokeByte(const std::string& path, off_t off, char mask) {
   int fd = ::open(path.c_str(), O_RDWR);
@@ -74,42 +90,31 @@ TEST(BlockStore, DamagedNewestCopyFallsBackToThePreviousBlock) {
   // generation, the checksum, and the payload.
   const off_t damage[] = {0, 5, 9, 21, kSlotHeaderBytes + 3};
   for (off_t at : damage) {
-    TempDir dir;
-    std::string path = dir.file("store");
-    ASSERT_EQ(BlockStore::Init(path, 0, blockAt(0, 0, 0, twoNodes())), 0);  // copy 0
-    std::shared_ptr<BlockStore> s;
-    ASSERT_EQ(BlockStore::Open(path, &s), 0);
-    std::vector<SlotBlock> out;
-    ASSERT_EQ(s->writeRead(1, 0, blockAt(0, 7, 1, twoNodes()), &out), 0);  // copy 1
-    s.reset();
-    pokeByte(path, kSlotRegionBytes + at, '\x5a');
-    ASSERT_EQ(BlockStore::Open(path, &s), 0);
-    ASSERT_EQ(s->read(&out), 0);
-    ASSERT_TRUE(out[0].present) << at;
-    EXPECT_EQ(out[0].block.mbal, BallotNumber(0, 0)) << at;
+    Store st(blockAt(0, 0, 0, twoNodes()));                                      // copy 0
+    ASSERT_EQ(st.s->writeRead(1, 0, blockAt(0, 7, 1, twoNodes()), &st.out), 0);  // copy 1
+    st.s.reset();
+    pokeByte(st.path, kSlotRegionBytes + at, '\x5a');
+    ASSERT_EQ(st.reopen(), 0);
+    ASSERT_EQ(st.s->read(&st.out), 0);
+    ASSERT_TRUE(st.out[0].present) << at;
+    EXPECT_EQ(st.out[0].block.mbal, BallotNumber(0, 0)) << at;
     // The next write goes over the damaged copy, keeping the good one.
-    ASSERT_EQ(s->writeRead(1, 0, blockAt(0, 8, 1, twoNodes()), &out), 0);
-    s.reset();
-    ASSERT_EQ(BlockStore::Open(path, &s), 0);
-    ASSERT_EQ(s->read(&out), 0);
-    EXPECT_EQ(out[0].block.mbal, BallotNumber(8, 1)) << at;
+    ASSERT_EQ(st.s->writeRead(1, 0, blockAt(0, 8, 1, twoNodes()), &st.out), 0);
+    ASSERT_EQ(st.reopen(), 0);
+    ASSERT_EQ(st.s->read(&st.out), 0);
+    EXPECT_EQ(st.out[0].block.mbal, BallotNumber(8, 1)) << at;
   }
 }
 
 TEST(BlockStore, BothCopiesDamagedMeansAbsent) {
-  TempDir dir;
-  std::string path = dir.file("store");
-  ASSERT_EQ(BlockStore::Init(path, 0, blockAt(0, 0, 0, twoNodes())), 0);
-  std::shared_ptr<BlockStore> s;
-  ASSERT_EQ(BlockStore::Open(path, &s), 0);
-  std::vector<SlotBlock> out;
-  ASSERT_EQ(s->writeRead(1, 0, blockAt(0, 2, 1, twoNodes()), &out), 0);
-  s.reset();
-  pokeByte(path, kSlotHeaderBytes + 1, '\x01');
-  pokeByte(path, kSlotRegionBytes + kSlotHeaderBytes + 1, '\x01');
-  ASSERT_EQ(BlockStore::Open(path, &s), 0);
-  ASSERT_EQ(s->read(&out), 0);
-  EXPECT_FALSE(out[0].present);
+  Store st(blockAt(0, 0, 0, twoNodes()));
+  ASSERT_EQ(st.s->writeRead(1, 0, blockAt(0, 2, 1, twoNodes()), &st.out), 0);
+  st.s.reset();
+  pokeByte(st.path, kSlotHeaderBytes + 1, '\x01');
+  pokeByte(st.path, kSlotRegionBytes + kSlotHeaderBytes + 1, '\x01');
+  ASSERT_EQ(st.reopen(), 0);
+  ASSERT_EQ(st.s->read(&st.out), 0);
+  EXPECT_FALSE(st.out[0].present);
 }
 
 TEST(BlockStore, WriteRules) {
@@ -131,18 +136,13 @@ TEST(BlockStore, WriteRules) {
       {"slot out of range", 1, kDiskSlots, blockAt(0, 4, 1, nodes), 22},
   };
   for (const Case& c : cases) {
-    TempDir dir;
-    std::string path = dir.file("store");
-    ASSERT_EQ(BlockStore::Init(path, 0, blockAt(0, 3, 1, nodes)), 0);
-    std::shared_ptr<BlockStore> s;
-    ASSERT_EQ(BlockStore::Open(path, &s), 0);
-    std::vector<SlotBlock> out;
-    EXPECT_EQ(s->writeRead(c.writer, c.slot, c.b, &out), c.rc) << c.name;
+    Store st(blockAt(0, 3, 1, nodes));
+    EXPECT_EQ(st.s->writeRead(c.writer, c.slot, c.b, &st.out), c.rc) << c.name;
     if (c.rc == 22) continue;
     // Refused or not, the reply reads every slot.
-    ASSERT_EQ(out.size(), static_cast<size_t>(kDiskSlots)) << c.name;
+    ASSERT_EQ(st.out.size(), static_cast<size_t>(kDiskSlots)) << c.name;
     std::vector<SlotBlock> again;
-    ASSERT_EQ(s->read(&again), 0);
+    ASSERT_EQ(st.s->read(&again), 0);
     if (c.rc == 0) {
       EXPECT_EQ(again[c.slot].block, c.b) << c.name;
     } else {
@@ -152,30 +152,19 @@ TEST(BlockStore, WriteRules) {
 }
 
 TEST(BlockStore, OlderSeqIsStaleAndConfigWithoutSlotsLetsAnyoneWrite) {
-  TempDir dir;
-  std::string path = dir.file("store");
-  ASSERT_EQ(BlockStore::Init(path, 0, blockAt(4, 0, 0, twoNodes())), 0);
-  std::shared_ptr<BlockStore> s;
-  ASSERT_EQ(BlockStore::Open(path, &s), 0);
-  std::vector<SlotBlock> out;
-  EXPECT_EQ(s->writeRead(1, 0, blockAt(3, 50, 1, twoNodes()), &out), kErrStaleWrite);
-  ASSERT_EQ(BlockStore::Init(path, 0, blockAt(0, 0, 0, NodeList())), 0);
-  ASSERT_EQ(BlockStore::Open(path, &s), 0);
-  EXPECT_EQ(s->writeRead(5, 3, blockAt(0, 1, 5, NodeList()), &out), 0);
+  Store st(blockAt(4, 0, 0, twoNodes()));
+  EXPECT_EQ(st.s->writeRead(1, 0, blockAt(3, 50, 1, twoNodes()), &st.out), kErrStaleWrite);
+  Store open(blockAt(0, 0, 0, NodeList()));
+  EXPECT_EQ(open.s->writeRead(5, 3, blockAt(0, 1, 5, NodeList()), &open.out), 0);
 }
 
 TEST(BlockStore, OversizedBlockIsRefusedAndNothingChanges) {
-  TempDir dir;
-  std::string path = dir.file("store");
-  ASSERT_EQ(BlockStore::Init(path, 0, blockAt(0, 0, 0, twoNodes())), 0);
-  std::shared_ptr<BlockStore> s;
-  ASSERT_EQ(BlockStore::Open(path, &s), 0);
+  Store st(blockAt(0, 0, 0, twoNodes()));
   Dblock big = blockAt(1, 0, 0, twoNodes());
   big.committed.valueList["v"].value.assign(kMaxBlockBytes, 'x');
-  std::vector<SlotBlock> out;
-  EXPECT_EQ(s->writeRead(1, 0, big, &out), 34);
-  ASSERT_EQ(s->read(&out), 0);
-  EXPECT_EQ(out[0].block.seq, 0);
+  EXPECT_EQ(st.s->writeRead(1, 0, big, &st.out), 34);
+  ASSERT_EQ(st.s->read(&st.out), 0);
+  EXPECT_EQ(st.out[0].block.seq, 0);
 }
 
 TEST(SlotCodec, EveryTruncationOfACopyIsRejected) {

@@ -1,27 +1,14 @@
 // The multi-node harness itself, run over a stand-in server that only listens.
 #include "support/cluster.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <set>
 #include <string>
 
-namespace {
+#include "local/zellocal.h"
 
-bool Accepts(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  struct sockaddr_in sa = {};
-  sa.sin_family = AF_INET;
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sa.sin_port = htons(static_cast<uint16_t>(port));
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
-  ::close(fd);
-  return ok;
-}
+namespace {
 
 Cluster::Options StandIn(int nodes) {
   Cluster::Options o;
@@ -57,7 +44,7 @@ TEST(ClusterTest, StartStopKillRestart) {
     Cluster c(StandIn(3));
     ASSERT_TRUE(c.startAll());
     for (int i = 0; i < 3; i++) {
-      EXPECT_TRUE(c.running(i) && Accepts(c.port(i))) << i;
+      EXPECT_TRUE(c.running(i) && zellocal::PortAccepts(c.port(i))) << i;
       ports.insert(c.port(i));
     }
     EXPECT_FALSE(c.start(0)) << "already running";
@@ -65,13 +52,13 @@ TEST(ClusterTest, StartStopKillRestart) {
     EXPECT_EQ(c.stop(0), -1) << "not running";
     c.kill9(1);
     EXPECT_FALSE(c.running(0) || c.running(1));
-    EXPECT_FALSE(Accepts(c.port(1)));
+    EXPECT_FALSE(zellocal::PortAccepts(c.port(1)));
     ASSERT_TRUE(c.restart(1));
-    EXPECT_TRUE(Accepts(c.port(1)));
+    EXPECT_TRUE(zellocal::PortAccepts(c.port(1)));
     std::string line = "standin port " + std::to_string(c.port(1)) + " base " + c.dir(1) + "\n";
     EXPECT_EQ(c.log(1), line + line) << "the log keeps every run";
   }
-  for (int p : ports) EXPECT_FALSE(Accepts(p)) << "left running on port " << p;
+  for (int p : ports) EXPECT_FALSE(zellocal::PortAccepts(p)) << "left running on port " << p;
 }
 
 TEST(ClusterTest, NodeThatExitsAtOnceDoesNotStart) {

@@ -94,8 +94,9 @@ TEST_F(DeadlineClock, RetriesStopWhenAPauseWouldEndPastIt) {
       {1, 0, 5, 15000},    // five rounds, pauses 1, 2, 4, 8 s
       {1, 3000, 2, 1000},  // the 2 s pause would end at the deadline
       {1, 500, 1, 0},      // not even the first pause fits
-      {3, 0, 15, 14999},  // thirds of a second, each truncated to whole microseconds      {3, 2000,
-                          // 7, 1666},  // pauses of 1/3 s, then one of 2/3 s
+      // Thirds of a second, each truncated to whole microseconds.
+      {3, 0, 15, 14999},
+      {3, 2000, 7, 1666},      // pauses of 1/3 s, then one of 2/3 s
       {2, 100000, 10, 15000},  // far away: unchanged
   };
   for (const Case& c : cases) {

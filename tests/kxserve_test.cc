@@ -7,6 +7,7 @@
 
 #include <thread>
 
+#include "support/fakeserver.h"
 #include "zel/kxserve.h"
 #include "zel/paxosinit.h"
 #include "zel/paxosutils.h"
@@ -32,11 +33,6 @@ std::string u32(unsigned int v) {
   char b[4];
   DumpUInt32(b, v);
   return std::string(b, 4);
-}
-
-std::string header(int type, unsigned int len) {
-  unsigned int code = static_cast<unsigned int>(type + kMsgCodeBias);
-  return u32(len) + static_cast<char>(code >> 8) + static_cast<char>(code) + std::string(2, '\0');
 }
 
 int authCalls = 0;
@@ -134,7 +130,8 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     Pair p;
     ServerConnection c(p.fd[1], info, peer, nullptr, 1000, 1000);
     p.fd[1] = -1;
-    p.put(header(MSG_TYPE_VGET, 0) + header(MSG_TYPE_VPUT, ZEL_MAX_BODY_LENGTH + 1));
+    p.put(FakeServer::header8(MSG_TYPE_VGET, 0) +
+          FakeServer::header8(MSG_TYPE_VPUT, ZEL_MAX_BODY_LENGTH + 1));
     int type = 0;
     MsgBody body;
     ASSERT_EQ(c.receive(&type, &body), 0);
@@ -151,7 +148,8 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     ServerConnection c(p.fd[1], info, peer, authSeesHeaderOnly, 1000, 1000);
     p.fd[1] = -1;
     authCalls = 0;
-    p.put(header(MSG_TYPE_VPUT, 2) + "BB" + header(MSG_TYPE_VDEL, 1) + "B");
+    p.put(FakeServer::header8(MSG_TYPE_VPUT, 2) + "BB" + FakeServer::header8(MSG_TYPE_VDEL, 1) +
+          "B");
     int type = 0;
     MsgBody body;
     ASSERT_EQ(c.receive(&type, &body), 0);
@@ -166,7 +164,7 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     info.peerKeyGenNumber = -1;
     ServerConnection c(p.fd[1], info, peer, authSeesHeaderOnly, 1000, 1000);
     p.fd[1] = -1;
-    p.put(header(MSG_TYPE_FPUT, 3) + "BBB" + header(REPLY_TYPE_EOR, 0));
+    p.put(FakeServer::header8(MSG_TYPE_FPUT, 3) + "BBB" + FakeServer::header8(REPLY_TYPE_EOR, 0));
     int type = 0;
     MsgBody body;
     EXPECT_EQ(c.receive(&type, &body), E_AUTH_PARAMS);
@@ -180,7 +178,7 @@ TEST(KxServe, ReceiveLimitsAndAuthenticationSlot) {
     Pair p;
     ServerConnection c(p.fd[1], info, peer, nullptr, 1000, 50);
     p.fd[1] = -1;
-    p.put(header(MSG_TYPE_VPUT, 100) + "x");
+    p.put(FakeServer::header8(MSG_TYPE_VPUT, 100) + "x");
     int type = 0;
     MsgBody body;
     EXPECT_EQ(c.receive(&type, &body), ETIMEDOUT);

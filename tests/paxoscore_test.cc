@@ -58,6 +58,17 @@ struct Rig {
   Rig() {
     for (int i = 0; i < 3; i++) disks.emplace_back(new MemDisk("d" + std::to_string(i)));
   }
+  // Every node's store holds the three-node configuration in its own slot.
+  Dblock initAll() {
+    Dblock base;
+    base.committed = threeNodes();
+    for (int d = 0; d < 3; d++) disks[d]->init(d, base);
+    return base;
+  }
+  void write(int d, int writer, int slot, const Dblock& b) {
+    std::vector<SlotBlock> out;
+    ASSERT_EQ(disks[d]->writeRead(writer, slot, b, &out), 0);
+  }
   void start(int nodeId) {
     PaxosCore::Options o;
     o.nodeId = nodeId;
@@ -113,8 +124,7 @@ TEST(PaxosCore, AVoteOfAnEarlierLifeIsNeverErasedAndGetsDecided) {
     rig.disks[d]->init(0, vote);
     Dblock theirs = base;
     theirs.mbal = BallotNumber(1, d + 1);
-    std::vector<SlotBlock> out;
-    ASSERT_EQ(rig.disks[d]->writeRead(d + 1, d, theirs, &out), 0);
+    rig.write(d, d + 1, d, theirs);
   }
   rig.start(1);
   rig.settle(1);
@@ -125,17 +135,11 @@ TEST(PaxosCore, AVoteOfAnEarlierLifeIsNeverErasedAndGetsDecided) {
 
 TEST(PaxosCore, CatchesUpFromAHigherBlockAndAnswersItsUpdateFromIt) {
   Rig rig;
-  Dblock base;
-  base.committed = threeNodes();
-  for (int d = 0; d < 3; d++) rig.disks[d]->init(d, base);
   // Node 2 is five instances ahead, and its state includes node 1's update.
-  Dblock ahead = base;
+  Dblock ahead = rig.initAll();
   ahead.seq = 5;
   ahead.committed.apply(ProposedUpdate(UpdateId(1, 1, 1), ValueUpdate("x", "1"), 1));
-  for (int d = 1; d < 3; d++) {
-    std::vector<SlotBlock> out;
-    ASSERT_EQ(rig.disks[d]->writeRead(2, 1, ahead, &out), 0);
-  }
+  for (int d = 1; d < 3; d++) rig.write(d, 2, 1, ahead);
   rig.start(1);
   int calls = 0;
   rig.core->submit(
@@ -167,9 +171,8 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
            Dblock b = base;
            b.seq = 3;
            b.committed.valueList["x"] = ValueVersion{d, "differs"};
-           std::vector<SlotBlock> out;
-           ASSERT_EQ(rig.disks[d]->writeRead(d + 1, d, b, &out), 0);
-           ASSERT_EQ(rig.disks[0]->writeRead(d + 1, d, b, &out), 0);
+           rig.write(d, d + 1, d, b);
+           rig.write(0, d + 1, d, b);
          }
        }},
       {"a decided input that breaks the version rule",
@@ -177,10 +180,7 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
          Dblock b = base;
          b.mbal = b.bal = BallotNumber(2, 2);
          b.inp = ProposedUpdate(UpdateId(2, 1, 1), ValueUpdate("x", "bad"), 0);
-         for (int d = 0; d < 3; d++) {
-           std::vector<SlotBlock> out;
-           ASSERT_EQ(rig.disks[d]->writeRead(2, 1, b, &out), 0);
-         }
+         for (int d = 0; d < 3; d++) rig.write(d, 2, 1, b);
        }},
       {"a decided input of an unknown type",
        [](Rig& rig, const Dblock& base) {
@@ -188,18 +188,12 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
          b.mbal = b.bal = BallotNumber(2, 2);
          b.inp.uid = UpdateId(2, 1, 1);
          b.inp.type = static_cast<ProposedUpdate::UpdateType>(200);
-         for (int d = 0; d < 3; d++) {
-           std::vector<SlotBlock> out;
-           ASSERT_EQ(rig.disks[d]->writeRead(2, 1, b, &out), 0);
-         }
+         for (int d = 0; d < 3; d++) rig.write(d, 2, 1, b);
        }},
   };
   for (const Case& c : cases) {
     Rig rig;
-    Dblock base;
-    base.committed = threeNodes();
-    for (int d = 0; d < 3; d++) rig.disks[d]->init(d, base);
-    c.setup(rig, base);
+    c.setup(rig, rig.initAll());
     rig.start(1);
     rig.core->submit(
         [](const CommittedState&, ProposedUpdate* u) {
@@ -217,9 +211,7 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
 
 TEST(PaxosCore, RepliesOfALeftAttemptAreIgnored) {
   Rig rig;
-  Dblock base;
-  base.committed = threeNodes();
-  for (int d = 0; d < 3; d++) rig.disks[d]->init(d, base);
+  rig.initAll();
   rig.start(1);
   std::vector<DiskOp> first = rig.core->takeOps();
   ASSERT_EQ(first.size(), 3u);

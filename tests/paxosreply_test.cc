@@ -9,6 +9,7 @@
 
 #include "support/recordcheck.h"
 #include "support/samples.h"
+#include "support/wirebodies.h"
 #include "support/wiretest.h"
 #include "zel/paxosclient.h"
 #include "zel/paxosutils.h"
@@ -18,11 +19,6 @@
 namespace {
 
 constexpr unsigned long long kServerCid = 42;
-
-std::string V(long long v, int bias) {
-  char b[MaxSizeVarUInt];
-  return std::string(b, DumpVarUInt(b, v, bias));
-}
 
 FileIdMap IdMap() {
   FileIdMap m;

@@ -9,13 +9,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "server/pxserve.h"
+#include "support/memdisk.h"
 #include "support/miniserver.h"
 #include "support/testutil.h"
 #include "support/wirebodies.h"
@@ -30,34 +29,6 @@ using zeld::Disk;
 using zeld::PxFiles;
 using zeld::RemoteDisk;
 using zeld::SlotBlock;
-
-constexpr int kNotOwner = 146;
-
-// Slots in memory; slot i belongs to node i + 1; an older block is refused.
-class MemDisk : public Disk {
- public:
-  MemDisk() : slots_(zeld::kDiskSlots) {}
-  int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) override {
-    std::lock_guard<std::mutex> g(mu_);
-    if (writerId != slot + 1) return kNotOwner;
-    SlotBlock& s = slots_[slot];
-    if (s.present && s.block.moreRecentThan(b)) return E_ZEL_VERSION_MISMATCH;
-    s.present = true;
-    s.block = b;
-    *out = slots_;
-    return 0;
-  }
-  int read(std::vector<SlotBlock>* out) override {
-    std::lock_guard<std::mutex> g(mu_);
-    *out = slots_;
-    return 0;
-  }
-  std::string label() const override { return "mem"; }
-
- private:
-  std::mutex mu_;
-  std::vector<SlotBlock> slots_;
-};
 
 // How the test store misbehaves after the greeting.
 enum class Mode { kServe, kStall, kGarbage, kCloseEach };
@@ -143,11 +114,13 @@ class StoreServer {
   std::thread thread_;
 };
 
+// Slot i belongs to node i + 1.
 Dblock Block(int seq, int ballot) {
   Dblock b;
   b.seq = seq;
   b.mbal = BallotNumber(ballot, 1);
   b.committed.valueList["a"] = ValueVersion{seq, "x"};
+  for (int i = 0; i < 3; i++) b.committed.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
   return b;
 }
 
@@ -171,7 +144,7 @@ class RemoteDiskTest : public WireTest {
     o.ioTimeoutMs = 300;
     return o;
   }
-  MemDisk mem;
+  MemDisk mem{"mem"};
 };
 
 TEST_F(RemoteDiskTest, WritesAndReadsEverySlot) {
@@ -197,8 +170,8 @@ TEST_F(RemoteDiskTest, StoreRefusalsComeBackAsCodes) {
   ASSERT_EQ(d.writeRead(2, 1, Block(5, 4), &out), 0);
   struct {
     int writer, slot, seq, want;
-  } cases[] = {{2, 0, 5, kNotOwner},
-               {2, 1, 4, E_ZEL_VERSION_MISMATCH},
+  } cases[] = {{2, 0, 5, zeld::kErrNotOwner},
+               {2, 1, 4, zeld::kErrStaleWrite},
                {2, 1, 5, 0},
                {2, 8, 5, E_INVAL},
                {-1, 1, 5, E_INVAL}};
@@ -317,7 +290,7 @@ TEST_F(RemoteDiskTest, OtherClusterIsRefusedBeforeSending) {
 }
 
 TEST(PxServeTest, MalformedRequestsAreRefused) {
-  MemDisk mem;
+  MemDisk mem("mem");
   std::string block = Encode(Block(3, 1));
   struct {
     const char* what;
@@ -333,7 +306,8 @@ TEST(PxServeTest, MalformedRequestsAreRefused) {
       {"write cut short", MSG_TYPE_PXWRITE, V(1, 0) + V(0, 0) + block.substr(3), MSG_TYPE_FAILED,
        E_BAD_MESSAGE},
       {"rdwr slot 9", MSG_TYPE_PXRDWR, V(1, 0) + V(9, 0) + block, MSG_TYPE_FAILED, E_BAD_MESSAGE},
-      {"rdwr not owner", MSG_TYPE_PXRDWR, V(2, 0) + V(0, 0) + block, MSG_TYPE_FAILED, kNotOwner},
+      {"rdwr not owner", MSG_TYPE_PXRDWR, V(2, 0) + V(0, 0) + block, MSG_TYPE_FAILED,
+       zeld::kErrNotOwner},
       {"not a peer message", MSG_TYPE_VGET, "", MSG_TYPE_FAILED, E_UNKNOWN_REQUEST},
   };
   for (const auto& c : cases) {
@@ -346,7 +320,6 @@ TEST(PxServeTest, MalformedRequestsAreRefused) {
 }
 
 TEST(PxServeTest, PlainWriteOfAFileNotHeldIsRefused) {
-  MemDisk mem;
   PxFiles files;
   files.holds = [](const ProposedUpdate&) { return false; };
   Dblock b = Block(3, 1);

@@ -115,62 +115,38 @@ TEST(Replica, RefusalsEndTheRequestAndDecideNothing) {
   Recorder rec;
   std::unique_ptr<Replica> r;
   ASSERT_EQ(OpenReplica(optionsFor(disk, &rec), &r), 0);
+  // An update of a type with no payload.
+  auto bare = [](int seq, int type) {
+    ProposedUpdate u;
+    u.uid = UpdateId(1, 1, seq);
+    u.type = static_cast<ProposedUpdate::UpdateType>(type);
+    u.version = 5;
+    return u;
+  };
   struct Case {
     const char* name;
-    PrepareFn fn;
-    int rc;
+    ProposedUpdate u;
+    int prepareRc, rc;
   } cases[] = {
-      {"prepare refuses",
-       [](const CommittedState&, ProposedUpdate* u) {
-         u->uid = UpdateId(1, 1, 1);
-         return 805;
-       },
-       805},
+      {"prepare refuses", ProposedUpdate(UpdateId(1, 1, 1)), 805, 805},
       {"version not above the current one",
-       [](const CommittedState&, ProposedUpdate* u) {
-         *u = ProposedUpdate(UpdateId(1, 1, 2), ValueUpdate("x", "v"), 0);
-         return 0;
-       },
-       22},
-      {"unknown type",
-       [](const CommittedState&, ProposedUpdate* u) {
-         u->uid = UpdateId(1, 1, 3);
-         u->type = static_cast<ProposedUpdate::UpdateType>(9);
-         u->version = 5;
-         return 0;
-       },
-       22},
-      {"type without payload",
-       [](const CommittedState&, ProposedUpdate* u) {
-         u->uid = UpdateId(1, 1, 4);
-         u->type = ProposedUpdate::valueUpdate;
-         u->version = 5;
-         return 0;
-       },
-       22},
-      {"negative uid",
-       [](const CommittedState&, ProposedUpdate* u) {
-         *u = ProposedUpdate(UpdateId(-1, 1, 5), ValueUpdate("x", "v"), 1);
-         return 0;
-       },
-       22},
+       ProposedUpdate(UpdateId(1, 1, 2), ValueUpdate("x", "v"), 0), 0, 22},
+      {"unknown type", bare(3, 9), 0, 22},
+      {"type without payload", bare(4, ProposedUpdate::valueUpdate), 0, 22},
+      {"negative uid", ProposedUpdate(UpdateId(-1, 1, 5), ValueUpdate("x", "v"), 1), 0, 22},
       {"name with a zero byte",
-       [](const CommittedState&, ProposedUpdate* u) {
-         *u = ProposedUpdate(UpdateId(1, 1, 6), ValueUpdate(std::string("a\0b", 3), "v"), 1);
-         return 0;
-       },
-       22},
+       ProposedUpdate(UpdateId(1, 1, 6), ValueUpdate(std::string("a\0b", 3), "v"), 1), 0, 22},
       {"state too large for a block",
-       [](const CommittedState&, ProposedUpdate* u) {
-         *u = ProposedUpdate(UpdateId(1, 1, 7), ValueUpdate("x", std::string(kMaxBlockBytes, 'v')),
-                             1);
-         return 0;
-       },
+       ProposedUpdate(UpdateId(1, 1, 7), ValueUpdate("x", std::string(kMaxBlockBytes, 'v')), 1), 0,
        34},
   };
   for (const Case& c : cases) {
     int seq = -1;
-    EXPECT_EQ(r->submit(c.fn, &seq, nullptr), c.rc) << c.name;
+    PrepareFn fn = [&c](const CommittedState&, ProposedUpdate* u) {
+      *u = c.u;
+      return c.prepareRc;
+    };
+    EXPECT_EQ(r->submit(fn, &seq, nullptr), c.rc) << c.name;
   }
   int seq = -1;
   r->snapshot(&seq, nullptr);

@@ -7,17 +7,13 @@
 #include "server/filestore.h"
 #include "server/uidsource.h"
 #include "support/testutil.h"
+#include "support/wirebodies.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
 
 using namespace zeld;
 
 namespace {
-
-unsigned int crcOf(const std::string& s) {
-  return finalcrc(partialcrc(reinterpret_cast<const unsigned char*>(s.data()), s.size(), 0),
-                  s.size());
-}
 
 struct Store {
   TempDir dir;
@@ -30,7 +26,7 @@ struct Store {
     EXPECT_EQ(fs.createStaging(uid, path, &fd), 0);
     EXPECT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
     close(fd);
-    return ProposedUpdate(uid, FileUpdate(name, id, 0, crcOf(data)), version);
+    return ProposedUpdate(uid, FileUpdate(name, id, 0, Crc(data)), version);
   }
   std::string read(int id, int version, const UpdateId& uid) {
     int fd = -1;

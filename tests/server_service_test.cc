@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include "server/rules.h"
+#include "support/fakeserver.h"
+#include "support/wirebodies.h"
 #include "support/zeldharness.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
@@ -16,27 +18,15 @@
 
 namespace {
 
-std::string vu(long long v, int bias) {
-  char b[MaxSizeVarUInt];
-  return std::string(b, DumpVarUInt(b, v, bias));
-}
-std::string str(const std::string& s) {
-  return s + std::string(1, '\0');
-}
-std::string uid(const UpdateId& u) {
-  std::string b(static_cast<size_t>(u.getSize()), '\0');
-  u.dump(&b[0]);
-  return b;
-}
 std::string vputBody(const UpdateId& u, const std::string& n, const std::string& v, int cond = -1,
                      int ver = -1) {
-  return uid(u) + str(n) + str(v) + vu(cond, -1) + vu(ver, -1);
+  return Encode(u) + S(n) + S(v) + V(cond, -1) + V(ver, -1);
 }
 std::string delBody(const UpdateId& u, const std::string& n, int cond = -1) {
-  return uid(u) + str(n) + vu(cond, -1);
+  return Encode(u) + S(n) + V(cond, -1);
 }
 std::string fputBody(const UpdateId& u, const std::string& n, int size) {
-  return uid(u) + str(n) + vu(size, -1) + vu(-1, -1) + vu(-1, -1);
+  return Encode(u) + S(n) + V(size, -1) + V(-1, -1) + V(-1, -1);
 }
 
 struct StateReply {
@@ -88,7 +78,7 @@ TEST(ServerService, BeforeInitOnlyStatusAnswers) {
   ASSERT_TRUE(c);
   Reply r = Exchange(c.get(), MSG_TYPE_STATUS, "");
   ASSERT_EQ(r.rc, 0);
-  EXPECT_EQ(r.body, vu(2, 0));
+  EXPECT_EQ(r.body, V(2, 0));
   for (int type : {MSG_TYPE_VGET, MSG_TYPE_FGET}) {
     EXPECT_EQ(Exchange(c.get(), type, "").rc, E_NOT_SERVER) << type;
   }
@@ -105,7 +95,7 @@ TEST(ServerService, InitThenValueUpdatesWithVersionRules) {
   EXPECT_EQ(h.init(), 0);  // the same init again is accepted
   auto c = h.connect();
   Reply st = Exchange(c.get(), MSG_TYPE_STATUS, "");
-  EXPECT_EQ(st.body, vu(4, 0));
+  EXPECT_EQ(st.body, V(4, 0));
 
   auto put = [&](const std::string& v, int cond, int ver) {
     return runUpdate(c.get(), MSG_TYPE_VPUT,
@@ -204,7 +194,7 @@ TEST(ServerService, FilesRoundTrip) {
     ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT) << k.name;
 
     int type = k.name[0] == '_' ? MSG_TYPE_FGET_PRIV : MSG_TYPE_FGET;
-    r = Exchange(c.get(), type, str(k.name) + vu(-1, -1));
+    r = Exchange(c.get(), type, S(k.name) + V(-1, -1));
     ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT_FGET) << k.name;
     std::string rest;
     StateReply s = decodeState(r.body, &rest);
@@ -221,11 +211,11 @@ TEST(ServerService, FilesRoundTrip) {
     EXPECT_EQ(crc, s.s.fileList[fileId].crc);
     // The same version asked for conditionally: refused with "version match".
     int v = s.s.fileList[fileId].version;
-    EXPECT_EQ(Exchange(c.get(), type, str(k.name) + vu(v, -1)).rc, E_ZEL_VERSION_MATCH);
+    EXPECT_EQ(Exchange(c.get(), type, S(k.name) + V(v, -1)).rc, E_ZEL_VERSION_MATCH);
   }
   auto c = h.connect();
-  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, str("_priv") + vu(-1, -1)).rc, EACCES);
-  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, str("nope") + vu(-1, -1)).rc, E_ZEL_NOT_FOUND);
+  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, S("_priv") + V(-1, -1)).rc, EACCES);
+  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, S("nope") + V(-1, -1)).rc, E_ZEL_NOT_FOUND);
   Reply fl = Exchange(c.get(), MSG_TYPE_FGET, "");
   ASSERT_EQ(fl.type, REPLY_TYPE_SEQ_COMMIT_FLIST);
   std::string rest;
@@ -242,10 +232,10 @@ TEST(ServerService, FilesRoundTrip) {
   EXPECT_EQ(d.reply.type, REPLY_TYPE_SEQ_COMMIT_ERROR);
   d = runUpdate(c.get(), MSG_TYPE_FDEL, [](const UpdateId& u) { return delBody(u, "big"); });
   ASSERT_EQ(d.reply.rc, 0);
-  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, str("big") + vu(-1, -1)).rc, E_ZEL_NOT_FOUND);
+  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, S("big") + V(-1, -1)).rc, E_ZEL_NOT_FOUND);
 
   // Discovery hands out the node list with the state; fxfer a named version.
-  Reply dr = Exchange(c.get(), MSG_TYPE_DISCOVER, vu(0, -1));
+  Reply dr = Exchange(c.get(), MSG_TYPE_DISCOVER, V(0, -1));
   ASSERT_EQ(dr.type, REPLY_TYPE_DISCOVER);
   s = decodeState(dr.body, &rest);
   ASSERT_EQ(rest.size(), 2u);
@@ -254,12 +244,12 @@ TEST(ServerService, FilesRoundTrip) {
   ASSERT_EQ(receiveFile(c.get(), tmp.file("nodes"), rest[1], false, &crc, nullptr, true), 0);
   FileVersion fv = s.s.fileList[1];
   Reply fx = Exchange(c.get(), MSG_TYPE_FXFER,
-                      str("zel.nodes") + vu(1, 0) + vu(fv.version, -1) + uid(fv.uid));
+                      S("zel.nodes") + V(1, 0) + V(fv.version, -1) + Encode(fv.uid));
   ASSERT_EQ(fx.type, MSG_TYPE_OK);
   ASSERT_EQ(receiveFile(c.get(), tmp.file("nodes2"), 20, false, &crc, nullptr, true), 0);
   EXPECT_EQ(ReadFile(tmp.file("nodes")), ReadFile(tmp.file("nodes2")));
   fx = Exchange(c.get(), MSG_TYPE_FXFER,
-                str("zel.nodes") + vu(1, 0) + vu(fv.version + 5, -1) + uid(fv.uid));
+                S("zel.nodes") + V(1, 0) + V(fv.version + 5, -1) + Encode(fv.uid));
   EXPECT_NE(fx.rc, 0);
   EXPECT_EQ(ListDir(h.dir() + "/staging").size(), 0u);
 }
@@ -291,7 +281,7 @@ TEST(ServerService, BadTransfersChangeNothing) {
   auto c = h.connect();
   EXPECT_EQ(Exchange(c.get(), MSG_TYPE_STATUS, "").rc, 0);  // served all along
   EXPECT_EQ(h.replica()->applied(), applied);
-  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, str("f") + vu(-1, -1)).rc, E_ZEL_NOT_FOUND);
+  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, S("f") + V(-1, -1)).rc, E_ZEL_NOT_FOUND);
 }
 
 // An fput whose upload outlasts twenty other streams finds its id behind the
@@ -356,15 +346,15 @@ TEST(ServerService, MalformedInputLeavesTheServerUp) {
     std::string body;
   } cases[] = {
       {"unknown type", 40, ""},
-      {"vput truncated", MSG_TYPE_VPUT, uid(UpdateId()) + "a"},
+      {"vput truncated", MSG_TYPE_VPUT, Encode(UpdateId()) + "a"},
       {"vput trailing bytes", MSG_TYPE_VPUT, vputBody(UpdateId(), "a", "b") + "x"},
       {"vput empty name", MSG_TYPE_VPUT, vputBody(UpdateId(), "", "b")},
       {"fput negative size", MSG_TYPE_FPUT, fputBody(UpdateId(), "f", -1)},
-      {"fget bad name", MSG_TYPE_FGET, str("a/b") + vu(-1, -1)},
-      {"config garbage", MSG_TYPE_CONFIG, uid(UpdateId()) + "\x01\x01\xff"},
+      {"fget bad name", MSG_TYPE_FGET, S("a/b") + V(-1, -1)},
+      {"config garbage", MSG_TYPE_CONFIG, Encode(UpdateId()) + "\x01\x01\xff"},
       {"init garbage", MSG_TYPE_INIT, "\x01\x02"},
       {"pxinit descriptor", MSG_TYPE_PXINIT, ""},
-      {"debug unknown word", MSG_TYPE_DEBUG, str("explode") + vu(0, 0)},
+      {"debug unknown word", MSG_TYPE_DEBUG, S("explode") + V(0, 0)},
       {"discover garbage", MSG_TYPE_DISCOVER, "\xff\xff"},
   };
   auto c = h.connect();
@@ -373,7 +363,7 @@ TEST(ServerService, MalformedInputLeavesTheServerUp) {
     EXPECT_TRUE(r.rc != 0 || r.type == REPLY_TYPE_SEQ_COMMIT_ERROR) << k.what;
     EXPECT_NE(r.rc, E_CONN_SHUTDOWN) << k.what;
   }
-  Reply e = Exchange(c.get(), MSG_TYPE_DEBUG, str("echo") + vu(2, 0) + str("hello") + str("there"));
+  Reply e = Exchange(c.get(), MSG_TYPE_DEBUG, S("echo") + V(2, 0) + S("hello") + S("there"));
   EXPECT_EQ(e.body, "hello there");
   // Raw garbage instead of a greeting, an oversized body, and a stalled client:
   // each connection is dropped on its own, the others go on.
@@ -393,13 +383,10 @@ TEST(ServerService, MalformedInputLeavesTheServerUp) {
     ::close(s);
   }
   auto big = h.connect();
-  std::string hdr(8, '\0');
-  DumpUInt32(&hdr[0], ZEL_MAX_BODY_LENGTH + 1);
-  hdr[4] = static_cast<char>((MSG_TYPE_VPUT + kMsgCodeBias) >> 8);
-  hdr[5] = static_cast<char>(MSG_TYPE_VPUT + kMsgCodeBias);
+  std::string hdr = FakeServer::header8(MSG_TYPE_VPUT, ZEL_MAX_BODY_LENGTH + 1);
   ASSERT_EQ(kxFullSend(big->getSock(), hdr.data(), 8, 1000), 0);
   EXPECT_NE(ReceiveReply(big.get()).rc, 0);
-  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_STATUS, "").body, vu(4, 0));
+  EXPECT_EQ(Exchange(c.get(), MSG_TYPE_STATUS, "").body, V(4, 0));
   EXPECT_NE(ReceiveReply(stalled.get()).rc, 0);  // its time-out came
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/testutil.h"
+#include "support/wirebodies.h"
 #include "support/wiretest.h"
 #include "zel/paxosutils.h"
 #include "zel/zelerr.h"
@@ -20,11 +21,6 @@ std::string Pattern(size_t n) {
   std::string s(n, '\0');
   for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + i / 7) & 0xff);
   return s;
-}
-
-unsigned int Cksum(const std::string& s) {
-  return finalcrc(partialcrc(reinterpret_cast<const unsigned char*>(s.data()), s.size(), 0),
-                  s.size());
 }
 
 class ZelXferTest : public WireTest {
@@ -101,34 +97,6 @@ TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
   }
 }
 
-// More bytes than announced fail like a bad checksum and leave nothing behind.
-TEST_F(ZelXferTest, ReceiveLongerThanAnnouncedFails) {
-  struct {
-    const char* what;
-    void (*script)(FakeServer&);
-    long long size;
-  } cases[] = {
-      {"one long chunk", [](FakeServer& s) { s.sendFile("hello world"); }, 5},
-      {"an extra chunk before fcrc",
-       [](FakeServer& s) {
-         s.reply(MSG_TYPE_FDATA, "hello").reply(MSG_TYPE_FDATA, "x").reply(MSG_TYPE_FCRC, "abcd");
-       },
-       5},
-  };
-  for (const auto& c : cases) {
-    FakeServer srv;
-    srv.expect(MSG_TYPE_FGET);
-    c.script(srv);
-    Connection* k = connect(srv);
-    unsigned int crc = 0;
-    bool localErr = true;
-    EXPECT_EQ(E_XFER_FAILED, receiveFile(k, dir_.file("t"), c.size, false, &crc, &localErr, true))
-        << c.what;
-    EXPECT_FALSE(localErr) << c.what;
-    EXPECT_TRUE(ListDir(dir_.path()).empty()) << c.what;
-  }
-}
-
 TEST_F(ZelXferTest, ReceiveFileSizes) {
   for (size_t size : {size_t(0), size_t(2500000)}) {
     FakeServer srv;
@@ -143,26 +111,36 @@ TEST_F(ZelXferTest, ReceiveFileSizes) {
     bool localErr = true;
     EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
     EXPECT_FALSE(localErr);
-    EXPECT_EQ(crc, Cksum(data));
+    EXPECT_EQ(crc, Crc(data));
     EXPECT_TRUE(ReadFile(target) == data) << size;
   }
   EXPECT_EQ(ListDir(dir_.path()).size(), 2u);  // no temporary file left
 }
 
-TEST_F(ZelXferTest, BadCrcOrProtocolLeavesNothing) {
+// A bad checksum, a broken exchange or more bytes than announced fail and leave
+// nothing behind; none of them is a local error.
+TEST_F(ZelXferTest, BadTransfersLeaveNothing) {
   struct {
     const char* what;
     void (*script)(FakeServer&);
+    long long size;
     int rc;
   } cases[] = {
-      {"corrupted fcrc", [](FakeServer& s) { s.sendFile("hello world", 0x1); }, E_XFER_FAILED},
+      {"corrupted fcrc", [](FakeServer& s) { s.sendFile("hello world", 0x1); }, 11, E_XFER_FAILED},
       {"short fcrc",
-       [](FakeServer& s) { s.reply(MSG_TYPE_FDATA, "hello world").reply(MSG_TYPE_FCRC, "ab"); },
+       [](FakeServer& s) { s.reply(MSG_TYPE_FDATA, "hello world").reply(MSG_TYPE_FCRC, "ab"); }, 11,
        E_XFER_FAILED},
       {"no fcrc", [](FakeServer& s) { s.reply(MSG_TYPE_FDATA, "hello world").reply(MSG_TYPE_OK); },
-       E_BAD_MESSAGE},
-      {"closed mid-file", [](FakeServer& s) { s.truncated(MSG_TYPE_FDATA, "hello world", 3); },
+       11, E_BAD_MESSAGE},
+      {"closed mid-file", [](FakeServer& s) { s.truncated(MSG_TYPE_FDATA, "hello world", 3); }, 11,
        E_CONN_SHUTDOWN},
+      {"one chunk longer than announced", [](FakeServer& s) { s.sendFile("hello world"); }, 5,
+       E_XFER_FAILED},
+      {"an extra chunk before fcrc",
+       [](FakeServer& s) {
+         s.reply(MSG_TYPE_FDATA, "hello").reply(MSG_TYPE_FDATA, "x").reply(MSG_TYPE_FCRC, "abcd");
+       },
+       5, E_XFER_FAILED},
   };
   for (const auto& c : cases) {
     FakeServer srv;
@@ -171,7 +149,7 @@ TEST_F(ZelXferTest, BadCrcOrProtocolLeavesNothing) {
     Connection* k = connect(srv);
     unsigned int crc = 0;
     bool localErr = true;
-    EXPECT_EQ(receiveFile(k, dir_.file("t"), 11, false, &crc, &localErr, true), c.rc) << c.what;
+    EXPECT_EQ(receiveFile(k, dir_.file("t"), c.size, false, &crc, &localErr, true), c.rc) << c.what;
     EXPECT_FALSE(localErr) << c.what;
     EXPECT_TRUE(ListDir(dir_.path()).empty()) << c.what;
   }
@@ -205,7 +183,7 @@ TEST_F(ZelXferTest, CrcNamingReplacesLastDotZeroDot) {
     ASSERT_EQ(receiveFileCRCRename(k, &target, static_cast<int>(data.size()), true, &crc, nullptr),
               0);
     char hex[16], want[128];
-    snprintf(hex, sizeof hex, "%x", Cksum(data));
+    snprintf(hex, sizeof hex, "%x", Crc(data));
     snprintf(want, sizeof want, c.crcAt, hex);
     EXPECT_EQ(target, dir_.file(want));
     EXPECT_EQ(ReadFile(target), data);

@@ -4,7 +4,6 @@
 // sent and fetched with its checksum compared and the progress shown, a stop and
 // restart of the node showing the data kept, and zel-local down, leaving nothing
 // running. Each step shows the command as typed, its output and exit status.
-#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
@@ -144,26 +143,6 @@ bool fileCrc(const std::string& path, unsigned int* crc) {
   return true;
 }
 
-// Live processes whose environment names a ZEL_BASE under dir.
-int processesUnder(const std::string& dir) {
-  int n = 0;
-  DIR* d = opendir("/proc");
-  if (d == nullptr) return 0;
-  while (dirent* e = readdir(d)) {
-    int pid = atoi(e->d_name);
-    if (pid <= 0) continue;
-    std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos || close + 2 >= stat.size() || stat[close + 2] == 'Z') continue;
-    if (slurp("/proc/" + std::to_string(pid) + "/environ").find("ZEL_BASE=" + dir) !=
-        std::string::npos) {
-      n++;
-    }
-  }
-  closedir(d);
-  return n;
-}
-
 }  // namespace
 
 int main() {
@@ -223,7 +202,7 @@ int main() {
          same);
 
   t.run("zel-local", {"down", dir}, 0);
-  int left = processesUnder(dir);
+  int left = static_cast<int>(ProcessesUnder(dir).size());
   t.note(left == 0 ? "no process of the repository is left"
                    : std::to_string(left) + " process(es) of the repository still run",
          left == 0);

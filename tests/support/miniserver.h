@@ -1,6 +1,6 @@
 // The server side of a connection, reduced to what small stand-in servers need
-// (the demo and the whole-process benchmark): blocking reads and writes of the
-// greeting and of framed messages. No test framework is involved.
+// (the remote-disk tests and the whole-process benchmark): blocking reads and
+// writes of the greeting and of framed messages. No test framework is involved.
 #ifndef TESTS_SUPPORT_MINISERVER_H
 #define TESTS_SUPPORT_MINISERVER_H
 

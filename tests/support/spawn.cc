@@ -1,13 +1,18 @@
 #include "spawn.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <fstream>
+#include <sstream>
 
 extern char** environ;
 
@@ -26,6 +31,13 @@ long long nowMs() {
 
 int statusOf(int raw) {
   return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
 }
 
 }  // namespace
@@ -96,4 +108,21 @@ EnvList TestEnvironment(const EnvList& extra) {
   }
   for (const auto& kv : extra) env.push_back(kv);
   return env;
+}
+
+std::vector<pid_t> ProcessesUnder(const std::string& dir) {
+  std::vector<pid_t> pids;
+  DIR* d = opendir("/proc");
+  if (d == nullptr) return pids;
+  while (dirent* e = readdir(d)) {
+    pid_t pid = atoi(e->d_name);
+    if (pid <= 0) continue;
+    std::string proc = "/proc/" + std::to_string(pid);
+    std::string stat = slurp(proc + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos || close + 2 >= stat.size() || stat[close + 2] == 'Z') continue;
+    if (slurp(proc + "/environ").find("ZEL_BASE=" + dir) != std::string::npos) pids.push_back(pid);
+  }
+  closedir(d);
+  return pids;
 }

@@ -1,4 +1,4 @@
-// Starting executables from tests (and from the demo) without doing anything
+// Starting executables from tests (and from the tour) without doing anything
 // between fork and exec: everything (arguments, environment, redirections) is
 // prepared first and the child is made with posix_spawn and file actions, which
 // is safe in a process that runs threads (fake servers, the TLS layer).
@@ -33,5 +33,8 @@ void KillProcess(pid_t pid, int sig);
 
 // This process's environment less the ZEL_* variables, plus extra.
 EnvList TestEnvironment(const EnvList& extra = {});
+
+// Live processes (zombies left out) whose environment names a ZEL_BASE under dir.
+std::vector<pid_t> ProcessesUnder(const std::string& dir);
 
 #endif  // TESTS_SUPPORT_SPAWN_H
