@@ -329,7 +329,7 @@ TEST(ServerService, FputBehindTheHorizonGetsAnotherId) {
   EXPECT_EQ(after.s.includes(second), 1);
   EXPECT_EQ(after.seq, seq + 1);
 
-  r = Exchange(slow.get(), MSG_TYPE_FGET, str("late") + vu(-1, -1));
+  r = Exchange(slow.get(), MSG_TYPE_FGET, S("late") + V(-1, -1));
   ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT_FGET);
   unsigned int crc = 0;
   ASSERT_EQ(receiveFile(slow.get(), tmp.file("dst"), 4, false, &crc, nullptr, true), 0);
