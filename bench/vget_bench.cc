@@ -24,8 +24,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/miniserver.h"
 #include "zel/kxcomm.h"
+#include "zel/kxserve.h"
 #include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
 #include "zel/zelmsg.h"
@@ -51,20 +51,26 @@ CommittedState BenchState() {
   return s;
 }
 
-using miniserver::AnswerGreeting;
-using miniserver::RecvMsg;
-using miniserver::SendMsg;
-
-// Greeting, then "vget" -> "seq_commit" and "eor" -> "eor" until the client closes.
+// Greeting, then "vget" -> "seq_commit" and "eor" -> "eor" until the client
+// closes, through the server half of the library as zeld uses it.
 void serveConn(int fd, const std::string& commit) {
-  if (!AnswerGreeting(fd)) return;
-  int type = 0;
-  std::string body;
-  while (RecvMsg(fd, &type, &body)) {
-    if (!SendMsg(fd, type == MSG_TYPE_VGET ? REPLY_TYPE_SEQ_COMMIT : REPLY_TYPE_EOR,
-                 type == MSG_TYPE_VGET ? commit : std::string()))
-      return;
+  ClientGreeting greeting;
+  const std::string answer = kxGreetingAnswerBytes(GreetingAnswer());
+  if (kxReadClientGreeting(fd, 5000, &greeting) != 0 ||
+      kxFullSend(fd, answer.data(), answer.size(), 5000) != 0) {
+    return;
   }
+  ServerConnection conn(fd, SdrSecInfo(), CommAddr(), nullptr, 5000, 5000);
+  int type = 0;
+  MsgBody body;
+  while (conn.receive(&type, &body) == 0) {
+    bool get = type == MSG_TYPE_VGET;
+    if (conn.send(get ? REPLY_TYPE_SEQ_COMMIT : REPLY_TYPE_EOR, get ? commit.data() : nullptr,
+                  get ? static_cast<int>(commit.size()) : 0) != 0) {
+      break;
+    }
+  }
+  conn.release();  // the caller closes it
 }
 
 struct Server {

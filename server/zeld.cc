@@ -3,6 +3,7 @@
 //
 //   zeld [-P port] [-a address] [-V...]
 //   ZEL_BASE=DIR zeld-testinstall [-P port] [-a address] [-V...]
+//   zeld --version
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,6 +15,7 @@
 #include "server/zeldfactory.h"
 #include "zel/paxosutils.h"
 #include "zel/zelutils.h"
+#include "zel/zelversion.h"
 
 #ifndef ZEL_TEST_INSTALL
 #define ZEL_TEST_INSTALL 0
@@ -22,18 +24,21 @@
 namespace {
 
 void usage() {
+  const char* name = ZEL_TEST_INSTALL ? "zeld-testinstall" : "zeld";
   fprintf(stderr,
           "usage: %s [-P port] [-a address] [-V...]\n"
+          "       %s --version\n"
           "  -P port     port to serve (else ZEL_PORT, else 1191; 0: any free port)\n"
           "  -a address  address to listen on (default %s)\n"
           "  -V          more trace on standard error (adds to ZEL_DEBUG)\n",
-          ZEL_TEST_INSTALL ? "zeld-testinstall" : "zeld", ZEL_TEST_INSTALL ? "127.0.0.1" : "all");
+          name, name, ZEL_TEST_INSTALL ? "127.0.0.1" : "all");
   exit(2);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (PrintVersionIfAsked(argc, argv)) return 0;
   zeld::ServerOptions o;
   o.testInstall = ZEL_TEST_INSTALL != 0;
   int c;

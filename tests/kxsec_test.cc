@@ -2,8 +2,10 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -271,6 +273,59 @@ TEST_F(KxsecTest, RefreshSwitchesListsAndSettings) {
   // The local pair now serves generation 4 of the first entry.
   PairResult r = RunAuthPair(P(4, 4), P(4, 4));
   EXPECT_EQ(std::make_pair(0, 0), std::make_pair(r.client, r.server));
+}
+
+// "auth" re-reads the keys while other connections are in their handshakes or
+// checking a key: each sees the keys before or after a refresh, never a list or
+// context being rebuilt. Both files authorize k1 under 1 and, at the end of a
+// long list, k2 under 5, so every check and handshake must pass.
+TEST_F(KxsecTest, RefreshWhileHandshaking) {
+  std::string tail;
+  for (int i = 0; i < 60; i++) tail += Entry("c" + std::to_string(i), 3, kx_, -1, nullptr);
+  tail += Entry("last", 5, k2_, -1, nullptr);
+  const std::string files[2] = {Entry("home", 1, k1_, -1, nullptr) + tail,
+                                Entry("home", 1, k1_, -1, nullptr) + "fips1402mode=off\n" + tail};
+  ASSERT_EQ(0, Init(files[0]));
+  const std::string greeting = kxGreetingBytes(0);
+  const std::string k2 = Bytes(k2_->digestHex);
+  const int noSocket = AuthenticateIncomingWith(-1, P(1, 1));
+
+  std::atomic<bool> handshaking{true}, checking{true};
+  std::atomic<int> refreshes{0}, badChecks{0}, badGreetings{0};
+  std::vector<PairResult> results;
+  std::thread checker([&] {
+    // Until the handshakes are done, and through a few refreshes at least.
+    for (int i = 0; (handshaking || refreshes < 10) && i < 2000000; i++) {
+      if (!isAuthorizedKey(k2, 5)) badChecks++;
+      if (AuthenticateIncomingWith(-1, P(1, 1)) != noSocket) badChecks++;
+      if (i % 64 == 0 && kxGreetingBytes(0) != greeting) badGreetings++;
+    }
+    checking = false;
+  });
+  std::thread handshakes([&] {
+    SdrSecInfo info;
+    info.keyGenNumber = 1;
+    info.peerKeyGenNumber = 1;
+    for (int i = 0; i < 200 && (i < 20 || refreshes < 10); i++) {
+      results.push_back(RunPair([&](int s) { return AuthenticateOutgoing(s, info); },
+                                [&](int s) { return AuthenticateIncoming(s, info); }));
+    }
+    handshaking = false;
+  });
+  int failedRefreshes = 0;
+  for (int i = 0; handshaking || checking; i++) {
+    WriteFile(paths_.authKeysPath, files[i % 2]);
+    if (RefreshSecurity() != 0) failedRefreshes++;
+    refreshes++;
+  }
+  checker.join();
+  handshakes.join();
+  EXPECT_GE(refreshes.load(), 10);
+  EXPECT_EQ(std::make_tuple(0, 0, 0),
+            std::make_tuple(failedRefreshes, badChecks.load(), badGreetings.load()));
+  for (const PairResult& r : results) {
+    EXPECT_EQ(std::make_tuple(0, 0, true), std::make_tuple(r.client, r.server, r.plainFlows));
+  }
 }
 
 // A peer that says nothing, talks nonsense or hangs up ends the exchange with an

@@ -15,10 +15,10 @@
 
 #include "server/pxserve.h"
 #include "support/memdisk.h"
-#include "support/miniserver.h"
 #include "support/testutil.h"
 #include "support/wirebodies.h"
 #include "support/wiretest.h"
+#include "zel/kxserve.h"
 #include "zel/pxwire.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
@@ -83,7 +83,10 @@ class StoreServer {
     for (std::thread& t : served) t.join();
   }
   void serve(int c) {
-    if (!miniserver::AnswerGreeting(c)) {
+    ClientGreeting greeting;
+    const std::string answer = kxGreetingAnswerBytes(GreetingAnswer());
+    if (kxReadClientGreeting(c, 2000, &greeting) != 0 ||
+        kxFullSend(c, answer.data(), answer.size(), 2000) != 0) {
       ::close(c);
       return;
     }

@@ -284,6 +284,58 @@ TEST(ServerService, BadTransfersChangeNothing) {
   EXPECT_EQ(Exchange(c.get(), MSG_TYPE_FGET, S("f") + V(-1, -1)).rc, E_ZEL_NOT_FOUND);
 }
 
+// An fput whose upload outlasts twenty other streams finds its id behind the
+// update horizon, where the state counts it as applied: it is given another
+// id, announced before it is decided, and the file is stored under that one.
+TEST(ServerService, FputBehindTheHorizonGetsAnotherId) {
+  ZeldHarness h;
+  ASSERT_TRUE(h.started());
+  ASSERT_EQ(h.init(), 0);
+  TempDir tmp;
+  const std::string src = tmp.file("src");
+  WriteFile(src, "late");
+  auto slow = h.connect();
+  Reply r = Exchange(slow.get(), MSG_TYPE_FPUT, fputBody(UpdateId(), "late", 4));
+  ASSERT_EQ(r.type, REPLY_TYPE_UID_FPUT);
+  UpdateId first;
+  ASSERT_NE(first.load(r.body.data(), r.body.data() + r.body.size()), nullptr);
+
+  // Meanwhile other fputs, each on a stream of its own, push the horizon past it.
+  for (int i = 0; i < kMaxUpdateStreams + 1; i++) {
+    auto c = h.connect();
+    std::string name = "f" + std::to_string(i);
+    ASSERT_EQ(Exchange(c.get(), MSG_TYPE_FPUT, fputBody(UpdateId(), name, 4)).type,
+              REPLY_TYPE_UID_FPUT);
+    ASSERT_EQ(sendFile(c.get(), src, 4), 0);
+    ASSERT_EQ(Exchange(c.get(), MSG_TYPE_OK, "").type, REPLY_TYPE_SEQ_COMMIT) << name;
+  }
+  int seq = 0;
+  CommittedState before;
+  h.replica()->snapshot(&seq, &before);
+  ASSERT_EQ(before.includes(first), 2);  // taken for applied, by the horizon alone
+
+  ASSERT_EQ(sendFile(slow.get(), src, 4), 0);
+  r = Exchange(slow.get(), MSG_TYPE_OK, "");
+  ASSERT_EQ(r.type, REPLY_TYPE_UID_FPUT);
+  ASSERT_EQ(r.body.back(), '\0');  // an id in place of the first, not a new transfer
+  UpdateId second;
+  ASSERT_NE(second.load(r.body.data(), r.body.data() + r.body.size()), nullptr);
+  EXPECT_NE(second.stream(), first.stream());
+  EXPECT_EQ(before.includes(second), 0);
+  r = Exchange(slow.get(), MSG_TYPE_OK, "");
+  ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT);
+  StateReply after = decodeState(r.body);
+  ASSERT_TRUE(after.ok);
+  EXPECT_EQ(after.s.includes(second), 1);
+  EXPECT_EQ(after.seq, seq + 1);
+
+  r = Exchange(slow.get(), MSG_TYPE_FGET, S("late") + V(-1, -1));
+  ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT_FGET);
+  unsigned int crc = 0;
+  ASSERT_EQ(receiveFile(slow.get(), tmp.file("dst"), 4, false, &crc, nullptr, true), 0);
+  EXPECT_EQ(ReadFile(tmp.file("dst")), "late");
+}
+
 TEST(ServerService, MalformedInputLeavesTheServerUp) {
   ZeldHarness h("", MemReplicaFactory(), 300);
   ASSERT_TRUE(h.started());

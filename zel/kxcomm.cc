@@ -7,6 +7,7 @@
 
 #include <cinttypes>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "platform/pclock.h"
@@ -19,7 +20,8 @@ namespace {
 
 int sendTimeoutMs = DefaultSendTimeoutMS;
 int recvTimeoutMs = DefaultRecvTimeoutMS;
-KxSecurity security;
+std::mutex securityMu;
+KxSecurity security;  // under securityMu
 FILE* forwardOut = nullptr;
 FILE* forwardErr = nullptr;
 
@@ -77,10 +79,12 @@ void KxSetTransferTimeouts(int sendMs, int recvMs) {
 }
 
 void SetKxSecurity(const KxSecurity& s) {
+  std::lock_guard<std::mutex> lock(securityMu);
   security = s;
 }
 
-const KxSecurity& GetKxSecurity() {
+KxSecurity GetKxSecurity() {
+  std::lock_guard<std::mutex> lock(securityMu);
   return security;
 }
 
@@ -201,9 +205,13 @@ int ConnImplementation::send(int type, const char* body, int length) {
       trace(1, "send: wrong cluster id (expected %llu received %llu)", mine, theirs);
       return E_CLUSTER_MISMATCH;
     }
-    if (msgAuthRequired(type) && !authenticated_ && security.ready &&
-        security.authenticateOutgoing != nullptr) {
-      rc = security.authenticateOutgoing(sock_, secInfo_);
+    KxAuthFn auth = nullptr;
+    if (msgAuthRequired(type) && !authenticated_) {
+      std::lock_guard<std::mutex> lock(securityMu);
+      if (security.ready) auth = security.authenticateOutgoing;
+    }
+    if (auth != nullptr) {
+      rc = auth(sock_, secInfo_);
       if (rc != 0) {
         broken_ = true;
         trace(4, "AuthenticateOutgoing returned err %d", rc);

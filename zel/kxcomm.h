@@ -65,8 +65,9 @@ struct KxSecurity {
   std::string clusterName;  // sent in record 6
   KxAuthFn authenticateOutgoing = nullptr;
 };
+// A copy: a server's "auth" replaces it while connections are greeted.
 void SetKxSecurity(const KxSecurity& s);
-const KxSecurity& GetKxSecurity();
+KxSecurity GetKxSecurity();
 
 class Connection {
  public:

@@ -37,7 +37,7 @@ bool simReachable(const IpAddr& a) {
 }  // namespace
 
 std::string kxGreetingBytes(unsigned long long clusterId) {
-  const KxSecurity& sec = GetKxSecurity();
+  const KxSecurity sec = GetKxSecurity();
   size_t s = sec.ready ? ((sec.clusterName.size() + 16) & ~static_cast<size_t>(3)) : 0;
   std::string g(64 + s, '\0');
   char* p = &g[0];
@@ -69,7 +69,7 @@ std::string kxGreetingBytes(unsigned long long clusterId) {
 }
 
 int kxSendGreeting(int sock, int timeoutMs, unsigned long long clusterId, SdrSecInfo* info) {
-  const KxSecurity& sec = GetKxSecurity();
+  const KxSecurity sec = GetKxSecurity();
   info->keyGenNumber = sec.ready ? sec.keyGenNumber : -1;
   std::string g = kxGreetingBytes(clusterId);
   return kxFullSend(sock, g.data(), g.size(), timeoutMs);

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <mutex>
 #include <new>
+#include <shared_mutex>
 
 #include "platform/pfile.h"
 #include "zel/kxcomm.h"
@@ -14,10 +16,44 @@
 
 namespace {
 
+// A server re-reads its keys ("auth") while other connections are in their
+// handshakes: initialisation, refresh and shutdown hold the lock exclusively,
+// readers of the keys, the lists and the settings hold it shared. A handshake
+// holds it only to take its context and to check the peer's key, never while it
+// waits on the socket, so a stalled peer cannot hold up a refresh.
+std::shared_mutex secMu;
+using ReadLock = std::shared_lock<std::shared_mutex>;
+using WriteLock = std::unique_lock<std::shared_mutex>;
+
 SecPaths secPaths;
 // Two lists: a refresh fills the one not in force and then switches.
 ClusterInfoList authKeys[2];
 std::atomic<int> inForce{0};
+
+int keyGenNumberLocked() {
+  const ClusterInfo* head = authKeys[inForce.load()].getHead();
+  if (head == nullptr) return -1;
+  return head->newKeyGenNumber != -1 ? head->newKeyGenNumber : head->committedKeyGenNumber;
+}
+
+std::string clusterNameLocked() {
+  const ClusterInfo* head = authKeys[inForce.load()].getHead();
+  return head ? head->clusterName : std::string();
+}
+
+bool authorizedKeyLocked(const std::string& keyId, int gen) {
+  if (keyId.empty()) return false;
+  const ClusterInfoList& list = authKeys[inForce.load()];
+  for (const ClusterInfo* ci = list.getHead(); ci; ci = ClusterInfoList::next(ci)) {
+    if (ci->committedKey == keyId && (gen == 0 || ci->committedKeyGenNumber == gen)) return true;
+    // No wildcard for the new key: it is accepted only under its own generation.
+    if (ci->newKey == keyId && ci->newKeyGenNumber == gen) return true;
+  }
+  return false;
+}
+
+int refreshAuthorizedKeysLocked();
+void installLocked();
 
 // Binds the local key pairs to the generations of this node's cluster.
 void BindGenerations() {
@@ -40,7 +76,7 @@ int LoadLibraryAndKeys() {
 
 void TraceStatus() {
   trace(3, "Auth: secReady %d cipherList '%s' keyGenNumber %d", zelSecReady ? 1 : 0,
-        zelCipherListP ? zelCipherListP : "", zelGetKeyGenNumber());
+        zelCipherListP ? zelCipherListP : "", keyGenNumberLocked());
 }
 
 std::string NewName(const std::string& path) {
@@ -63,11 +99,16 @@ int Authenticate(int sock, const SecAuthParams& p, bool outgoing) {
   }
   int ownGen = outgoing ? p.cGen : p.aGen;
   int peerGen = outgoing ? p.aGen : p.cGen;
-  tls::SSL_CTX* ctx = secImpP ? secImpP->getContext(ownGen) : nullptr;
+  tls::SSL_CTX* ctx = nullptr;
+  {
+    ReadLock lock(secMu);
+    ctx = secImpP ? secImpP->getContext(ownGen) : nullptr;
+  }
   if (ctx == nullptr) {
     trace(3, "Auth: unkown key gen %d ", ownGen);
     return E_AUTH_FAILED;
   }
+  // The counted context outlives a refresh that replaces the keys meanwhile.
   int rc;
   {
     SecSession session(tls::Get(), ctx, sock);
@@ -81,7 +122,8 @@ int Authenticate(int sock, const SecAuthParams& p, bool outgoing) {
   }
   trace(4, "%s aGen %d cGen %d cipher '%s' returns %d",
         outgoing ? "AuthenticateOutgoing" : "AuthenticateIncoming", p.aGen, p.cGen, cipher, rc);
-  secImpP->releaseContext(ctx);
+  // Through the library: a shutdown may have dropped the transport meanwhile.
+  tls::Get()->SSL_CTX_free(ctx);
   return rc;
 }
 
@@ -100,6 +142,7 @@ SecPaths SecPathsForKey(const std::string& keyPath, const std::string& certPath)
 }
 
 int InitSecurityAt(const SecPaths& paths) {
+  WriteLock lock(secMu);
   if (secImpP == nullptr) secImpP = new (std::nothrow) SecTransport;
   ZASSERT_T(secImpP != nullptr, "secImpP");
   secPaths = paths;
@@ -107,18 +150,18 @@ int InitSecurityAt(const SecPaths& paths) {
   if (PlatStat(paths.authKeysPath.c_str(), &st) != 0) {
     trace(1, "Auth: '%s' does not exist", paths.authKeysPath.c_str());
     zelSecReady = false;
-    InstallKxSecurity();
+    installLocked();
     return 0;
   }
   int rc = ReadFipsMode(paths.authKeysPath.c_str(), &encryptionFIPS1402ModeZEL);
   if (rc == 0 && !secImpP->libraryLoaded()) rc = LoadLibraryAndKeys();
-  if (rc == 0) rc = zelRefreshAuthorizedKeys();
+  if (rc == 0) rc = refreshAuthorizedKeysLocked();
   if (rc == 0) {
     zelSecReady = true;
     zelCipherListP = kSecCipherAuthOnly;
   }
   TraceStatus();
-  InstallKxSecurity();
+  installLocked();
   return rc;
 }
 
@@ -130,20 +173,28 @@ int InitSecurity() {
 }
 
 int RefreshSecurity() {
+  WriteLock lock(secMu);
   if (secImpP == nullptr) secImpP = new (std::nothrow) SecTransport;
   ZASSERT_T(secImpP != nullptr, "secImpP");
   int rc = LoadLibraryAndKeys();
-  if (rc == 0) rc = zelRefreshAuthorizedKeys();
+  if (rc == 0) rc = refreshAuthorizedKeysLocked();
   if (rc == 0 && !zelSecReady) {
     zelSecReady = true;
     zelCipherListP = kSecCipherAuthOnly;
   }
   TraceStatus();
-  InstallKxSecurity();
+  installLocked();
   return rc;
 }
 
 int zelRefreshAuthorizedKeys() {
+  WriteLock lock(secMu);
+  return refreshAuthorizedKeysLocked();
+}
+
+namespace {
+
+int refreshAuthorizedKeysLocked() {
   int idx = 1 - inForce.load();
   ClusterInfoList& list = authKeys[idx];
   list.removeAll();
@@ -156,7 +207,19 @@ int zelRefreshAuthorizedKeys() {
   return rc;
 }
 
+void installLocked() {
+  KxSecurity s;
+  s.ready = zelSecReady;
+  s.keyGenNumber = keyGenNumberLocked();
+  s.clusterName = clusterNameLocked();
+  s.authenticateOutgoing = AuthenticateOutgoing;
+  SetKxSecurity(s);
+}
+
+}  // namespace
+
 void ShutdownSecurity() {
+  WriteLock lock(secMu);
   zelSecReady = false;
   zelCipherListP = nullptr;
   encryptionFIPS1402ModeZEL = 1;
@@ -168,14 +231,13 @@ void ShutdownSecurity() {
 }
 
 int zelGetKeyGenNumber() {
-  const ClusterInfo* head = authKeys[inForce.load()].getHead();
-  if (head == nullptr) return -1;
-  return head->newKeyGenNumber != -1 ? head->newKeyGenNumber : head->committedKeyGenNumber;
+  ReadLock lock(secMu);
+  return keyGenNumberLocked();
 }
 
 std::string zelGetClusterName() {
-  const ClusterInfo* head = authKeys[inForce.load()].getHead();
-  return head ? head->clusterName : std::string();
+  ReadLock lock(secMu);
+  return clusterNameLocked();
 }
 
 const ClusterInfoList& zelAuthorizedKeys() {
@@ -199,13 +261,23 @@ int AuthenticateIncomingWith(int sock, const SecAuthParams& p) {
 }
 
 int AuthenticateOutgoing(int sock, const SdrSecInfo& info) {
-  if (!zelSecReady) return 0;
-  return AuthenticateOutgoingWith(sock, OutgoingAuthParams(info));
+  SecAuthParams p;
+  {
+    ReadLock lock(secMu);
+    if (!zelSecReady) return 0;
+    p = OutgoingAuthParams(info);
+  }
+  return AuthenticateOutgoingWith(sock, p);
 }
 
 int AuthenticateIncoming(int sock, const SdrSecInfo& info) {
-  if (!zelSecReady) return 0;
-  return AuthenticateIncomingWith(sock, IncomingAuthParams(info));
+  SecAuthParams p;
+  {
+    ReadLock lock(secMu);
+    if (!zelSecReady) return 0;
+    p = IncomingAuthParams(info);
+  }
+  return AuthenticateIncomingWith(sock, p);
 }
 
 bool isAuthorized(const SecSession& session, int gen) {
@@ -215,30 +287,22 @@ bool isAuthorized(const SecSession& session, int gen) {
 }
 
 bool isAuthorizedKey(const std::string& keyId, int gen) {
-  if (keyId.empty()) return false;
-  const ClusterInfoList& list = authKeys[inForce.load()];
-  for (const ClusterInfo* ci = list.getHead(); ci; ci = ClusterInfoList::next(ci)) {
-    if (ci->committedKey == keyId && (gen == 0 || ci->committedKeyGenNumber == gen)) return true;
-    // No wildcard for the new key: it is accepted only under its own generation.
-    if (ci->newKey == keyId && ci->newKeyGenNumber == gen) return true;
-  }
-  return false;
+  ReadLock lock(secMu);
+  return authorizedKeyLocked(keyId, gen);
 }
 
 bool isFIPS1402() {
+  ReadLock lock(secMu);
   return encryptionFIPS1402ModeZEL != 0;
 }
 
 int getNistVar() {
+  ReadLock lock(secMu);
   return EncryptionNistComplianceZEL;
 }
 
 // The greeting's record 6 and the authentication of a connection's first message.
 void InstallKxSecurity() {
-  KxSecurity s;
-  s.ready = zelSecReady;
-  s.keyGenNumber = zelGetKeyGenNumber();
-  s.clusterName = zelGetClusterName();
-  s.authenticateOutgoing = AuthenticateOutgoing;
-  SetKxSecurity(s);
+  ReadLock lock(secMu);
+  installLocked();
 }

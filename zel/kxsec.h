@@ -31,7 +31,9 @@ SecPaths SecPathsForKey(const std::string& keyPath, const std::string& certPath)
 int InitSecurityAt(const SecPaths& paths);
 // InitSecurityAt with the installation's key paths.
 int InitSecurity();
-// Reloads the library and keys and re-reads the file.
+// Reloads the library and keys and re-reads the file. Initialisation, refresh
+// and shutdown may run while other threads authenticate: each handshake sees
+// the keys and lists before or after them, never half-replaced ones.
 int RefreshSecurity();
 // Parses the file into the list not in force and puts that one in force.
 int zelRefreshAuthorizedKeys();
@@ -43,7 +45,7 @@ void ShutdownSecurity();
 int zelGetKeyGenNumber();
 // The first entry's cluster name (this node's cluster), or "".
 std::string zelGetClusterName();
-// The list in force.
+// The list in force; for single-threaded callers (a refresh may reuse it).
 const ClusterInfoList& zelAuthorizedKeys();
 
 // The parameters of one authentication.

@@ -9,6 +9,7 @@
 #include "zel/kxconnect.h"
 #include "zel/kxsec.h"
 #include "zel/paxosclient.h"
+#include "zel/paxosinit.h"
 #include "zel/paxosutils.h"
 #include "zel/zeladmin.h"
 #include "zel/zelcmd.h"
@@ -18,21 +19,11 @@
 
 namespace {
 
-// Size and encoding of the disk part shared by "init" and "pxinit".
-int disksSize(const DiskMap& disks) {
-  int size = SizeVarUInt(static_cast<long long>(disks.size()), 0);
-  for (const auto& [slot, d] : disks) size += SizeVarUInt(slot, 0) + d.label.size() + 1 + 1;
-  return size;
-}
-
-char* dumpDisks(char* p, const DiskMap& disks) {
-  p = DumpVarUInt(p, static_cast<long long>(disks.size()), 0);
-  for (const auto& [slot, d] : disks) {
-    p = DumpVarUInt(p, slot, 0);
-    p = DumpString(p, d.label);
-    *p++ = d.old ? 1 : 0;
-  }
-  return p;
+// The disk part shared by "init" and "pxinit", in slot order.
+InitDisks initDisks(const DiskMap& disks) {
+  InitDisks out;
+  for (const auto& [slot, d] : disks) out.push_back({slot, d.label, d.old != 0});
+  return out;
 }
 
 // Writes the list to tmpPath, stores it in the repository as name, removes it.
@@ -63,27 +54,19 @@ int commitDiskCfg(const DiskMap& disks) {
 
 int InitNodes(unsigned long long clusterId, const Nodes& targets, const Nodes& nodes,
               const DiskMap& disks, const Dblock& block) {
-  int size = 8 + SizeVarUInt(static_cast<long long>(nodes.size()), 0);
+  InitRequest req;
+  req.clusterId = clusterId;
   for (const Node& n : nodes) {
     ZASSERT_T(n.addr.port >= 0, "port >= 0");
-    size += SizeVarUInt(n.id, 0) + 1 + n.name.size() + 1 + n.addr.addr.size() + 1 +
-            SizeVarUInt(n.addr.port, 0);
+    req.nodes.push_back({n.id, n.old != 0, n.name, n.addr.addr, n.addr.port});
   }
-  size += disksSize(disks) + block.getSize();
+  req.disks = initDisks(disks);
+  req.block = block;
+  int size = req.getSize();
   std::vector<char> msg(size);
   char* pMsg = msg.data();
-  char* pData = DumpUInt64(pMsg, clusterId);
-  pData = DumpVarUInt(pData, static_cast<long long>(nodes.size()), 0);
-  for (const Node& n : nodes) {
-    pData = DumpVarUInt(pData, n.id, 0);
-    *pData++ = n.old ? 1 : 0;
-    pData = DumpString(pData, n.name);
-    pData = DumpString(pData, n.addr.addr);
-    pData = DumpVarUInt(pData, n.addr.port, 0);
-  }
-  pData = dumpDisks(pData, disks);
-  pData = block.dump(pData);
-  ZASSERT_T(pData == pMsg + size, "pData == pMsg + size");
+  char* end = req.dump(pMsg);
+  ZASSERT_T(end == pMsg + size, "init body size");
 
   int result = 0;
   for (const Node& n : targets) {
@@ -107,21 +90,21 @@ int InitNodes(unsigned long long clusterId, const Nodes& targets, const Nodes& n
 
 int InitSharedDisks(const Nodes& nodes, const DiskMap& disks, const Dblock& block, int nSlots) {
   trace(4, "InitSharedDisks: nSlots %d diskIdList %s", nSlots, DiskMapToString(disks).c_str());
-  int size = disksSize(disks) + block.getSize() + SizeVarUInt(nSlots, 0) + MaxSizeVarUInt;
-  std::vector<char> msg(size);
-  char* pMsg = msg.data();
-  char* pData = dumpDisks(pMsg, disks);
-  pData = block.dump(pData);
-  pData = DumpVarUInt(pData, nSlots, 0);
-  ZASSERT_T(pData == pMsg + size - MaxSizeVarUInt, "pData == pMsg + size - MaxSizeVarUInt");
-
+  PxInitRequest req;
+  req.disks = initDisks(disks);
+  req.block = block;
+  req.nSlots = nSlots;
+  std::vector<char> msg;
   int rc = E_IO;
   for (const Node& n : nodes) {
-    char* end = DumpVarUInt(pData, n.id, 0);
+    req.nodeId = n.id;
+    msg.resize(req.getSize());
+    char* end = req.dump(msg.data());
+    ZASSERT_T(end == msg.data() + msg.size(), "pxinit body size");
     int replyType = -1;
     MsgBody reply;
-    rc = SendReceive(n.id, MSG_TYPE_PXINIT, pMsg, static_cast<int>(end - pMsg), &replyType, &reply,
-                     -1);
+    rc = SendReceive(n.id, MSG_TYPE_PXINIT, msg.data(), static_cast<int>(msg.size()), &replyType,
+                     &reply, -1);
     trace(4, "pxinit to %s returned %d", n.toString().c_str(), rc);
     if (rc == 0) break;
   }
