@@ -1,4 +1,4 @@
-// zel-local's commands: up, status, stop, start, down.
+// zel-local's commands: up, add, status, stop, start, down.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -349,6 +350,69 @@ int CmdUp(const Command& c) {
   return 0;
 }
 
+int CmdAdd(const Command& c) {
+  Layout l;
+  if (!LoadLayout(c.dir, &l)) return 1;
+  if (static_cast<int>(l.nodes.size()) >= kMaxNodes) {
+    Err("%s already has %d nodes, the most a repository takes", c.dir.c_str(), kMaxNodes);
+    return 1;
+  }
+  Tools t;
+  if (!FindTools(&t)) return 1;
+  LocalNode n;
+  for (const LocalNode& o : l.nodes) n.id = std::max(n.id, o.id);
+  n.id++;
+  if (access(l.nodeDir(n.id).c_str(), F_OK) == 0) {
+    Err("%s is in the way: it is not a node of zel-local.conf; remove it first",
+        l.nodeDir(n.id).c_str());
+    return 1;
+  }
+  // A stopped node's port is free now but stays that node's.
+  for (int tries = 0; tries < 20 && n.port == 0; tries++) {
+    std::vector<int> ports;
+    if (!PickPorts(1, &ports)) {
+      Err("cannot find a free port on 127.0.0.1: %s", strerror(errno));
+      return 1;
+    }
+    n.port = ports[0];
+    for (const LocalNode& o : l.nodes) {
+      if (o.port == n.port) n.port = 0;
+    }
+  }
+  if (n.port == 0) {
+    Err("cannot find a free port on 127.0.0.1 that no node of %s uses", c.dir.c_str());
+    return 1;
+  }
+  // Recorded before it starts, so that stop and down find it whatever happens next.
+  Layout grown = l;
+  grown.nodes.push_back(n);
+  if (!WriteFile(l.confPath(), FormatLayout(grown))) {
+    Err("cannot write %s: %s", l.confPath().c_str(), strerror(errno));
+    return 1;
+  }
+  pid_t pid = -1;
+  if (!StartNode(grown, t, n, &pid)) {
+    // StartNode has stopped or reaped whatever it started.
+    unlink(grown.pidPath(n.id).c_str());
+    rmdir((grown.nodeDir(n.id) + "/committed").c_str());
+    rmdir(grown.nodeDir(n.id).c_str());
+    if (!WriteFile(l.confPath(), FormatLayout(l))) {
+      Err("cannot write %s: %s", l.confPath().c_str(), strerror(errno));
+    }
+    return 1;
+  }
+  std::string all;
+  for (const LocalNode& o : grown.nodes) {
+    all += (all.empty() ? "" : ",") + std::string("127.0.0.1:") + std::to_string(o.port);
+  }
+  fprintf(stderr,
+          "node %d runs, not yet initialised; chnodes makes it a quorum node, for example:\n"
+          "  kxzel-testinstall chnodes -n %s\n",
+          n.id, all.c_str());
+  printf("127.0.0.1:%d\n", n.port);
+  return 0;
+}
+
 int CmdStatus(const Command& c) {
   Layout l;
   if (!LoadLayout(c.dir, &l)) return 1;
@@ -403,6 +467,7 @@ int CmdDown(const Command& c) {
 
 int RunCommand(const Command& c) {
   if (c.verb == "up") return CmdUp(c);
+  if (c.verb == "add") return CmdAdd(c);
   if (c.verb == "status") return CmdStatus(c);
   if (c.verb == "stop") return CmdStop(c);
   if (c.verb == "start") return CmdStart(c);

@@ -11,6 +11,7 @@ namespace zellocal {
 
 const char kUsage[] =
     "Usage: zel-local up DIR [-n NODES] [-d DISKS]\n"
+    "       zel-local add DIR\n"
     "       zel-local status DIR\n"
     "       zel-local stop DIR NODE\n"
     "       zel-local start DIR NODE\n"
@@ -41,7 +42,7 @@ const LocalNode* Layout::find(int id) const {
 }
 
 std::string FormatLayout(const Layout& l) {
-  std::string s = "# zel-local repository: written by zel-local up\n";
+  std::string s = "# zel-local repository: written by zel-local up and add\n";
   s += "disks " + std::to_string(l.disks) + "\n";
   for (const LocalNode& n : l.nodes) {
     s += "node " + std::to_string(n.id) + " " + std::to_string(n.port) + "\n";
@@ -129,7 +130,7 @@ bool ParseCommand(int argc, char** argv, Command* c, std::string* err) {
   size_t want;
   if (c->verb == "up") {
     want = 2;
-  } else if (c->verb == "status" || c->verb == "down") {
+  } else if (c->verb == "status" || c->verb == "down" || c->verb == "add") {
     want = 2;
   } else if (c->verb == "stop" || c->verb == "start") {
     want = 3;

@@ -2,7 +2,7 @@
 // 127.0.0.1, tiebreaker disks as files), for trying kxzel and for tests.
 //
 // Layout under DIR:
-//   zel-local.conf      node ids and ports, disk count (written by `up`)
+//   zel-local.conf      node ids and ports, disk count (written by `up`, `add`)
 //   nodeK/              ZEL_BASE of node K; nodeK.log and nodeK.pid beside it
 //   disks/diskK         tiebreaker disk files
 //   client/             ZEL_BASE of the kxzel-testinstall that `up` prints
@@ -45,7 +45,7 @@ bool ParseLayout(const std::string& text, Layout* l, std::string* err);
 
 // One command line of zel-local.
 struct Command {
-  std::string verb;  // up, status, stop, start, down
+  std::string verb;  // up, add, status, stop, start, down
   std::string dir;
   int node = 0;  // stop, start
   int nodes = 3;
@@ -95,6 +95,7 @@ std::string TailOfFile(const std::string& path, int n);
 
 // The commands. Each prints its own messages and returns the exit status.
 int CmdUp(const Command& c);
+int CmdAdd(const Command& c);
 int CmdStatus(const Command& c);
 int CmdStop(const Command& c);
 int CmdStart(const Command& c);

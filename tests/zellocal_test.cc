@@ -37,6 +37,7 @@ TEST(ZelLocalCommandLine, AcceptsEachCommandWithItsArguments) {
       {{"stop", "r", "2"}, "stop", "r", 2, 3, 1},
       {{"start", "r", "12"}, "start", "r", 12, 3, 1},
       {{"down", "r"}, "down", "r", 0, 3, 1},
+      {{"add", "r"}, "add", "r", 0, 3, 1},
   };
   for (const Case& k : cases) {
     bool ok = false;
@@ -69,6 +70,7 @@ TEST(ZelLocalCommandLine, RefusesWithAReason) {
       {{"up", "r", "-d", "9"}, "-d takes a disk count from 0 to 8"},
       {{"up", "r", "-d", ""}, "-d takes a disk count from 0 to 8"},
       {{"down", "r", "-n", "2"}, "-n and -d belong to up"},
+      {{"add", "r", "2"}, "too many arguments"},
       {{"up", "r", "-x"}, "unknown option '-x'"},
       {{"up", ""}, "empty directory name"},
   };

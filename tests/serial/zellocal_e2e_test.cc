@@ -97,12 +97,39 @@ TEST_F(ZelLocalE2E, UpStopStartDownLeavesNothingRunning) {
   RunResult start = Local({"start", dir_, "1"});
   ASSERT_EQ(start.exitStatus, 0) << start.err;
 
+  // An added node runs on a port of its own and is one of the repository's for
+  // status and down.
+  RunResult add = Local({"add", dir_});
+  ASSERT_EQ(add.exitStatus, 0) << add.err;
+  ASSERT_TRUE(std::regex_match(add.out, m, std::regex("127\\.0\\.0\\.1:(\\d+)\n"))) << add.out;
+  std::string port2 = m[1];
+  EXPECT_NE(port2, port_);
+  st = Local({"status", dir_});
+  EXPECT_EQ(st.exitStatus, 0) << st.out;
+  EXPECT_TRUE(std::regex_search(st.out, std::regex("\\n +2  " + port2 + " +[0-9]+ +up ")))
+      << st.out;
+
   RunResult down = Local({"down", dir_});
   EXPECT_EQ(down.exitStatus, 0) << down.err;
   EXPECT_EQ(LiveUnder(dir_), std::vector<pid_t>{});
   EXPECT_FALSE(PathExists(dir_ + "/node1.pid"));
+  EXPECT_FALSE(PathExists(dir_ + "/node2.pid"));
   // The data stays for a later start.
   EXPECT_TRUE(PathExists(dir_ + "/node1"));
+}
+
+TEST_F(ZelLocalE2E, AddRefusesWhatIsNotARepositoryWithRoom) {
+  RunResult r = Local({"add", tmp_.path()});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_NE(r.err.find("is not a zel-local repository"), std::string::npos) << r.err;
+  std::string full = "disks 0\n";
+  for (int i = 1; i <= 8; i++)
+    full += "node " + std::to_string(i) + " " + std::to_string(40000 + i) + "\n";
+  WriteFile(tmp_.file("zel-local.conf"), full);
+  r = Local({"add", tmp_.path()});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_NE(r.err.find("already has 8 nodes"), std::string::npos) << r.err;
+  EXPECT_FALSE(PathExists(tmp_.file("node9")));
 }
 
 TEST_F(ZelLocalE2E, ANodeThatDoesNotComeUpIsReportedWithItsLog) {
