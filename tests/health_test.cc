@@ -2,6 +2,8 @@
 // of the disks, and the exit status by quorum.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <regex>
 #include <string>
 
@@ -11,6 +13,7 @@
 #include "support/wirebodies.h"
 #include "zel/zelcmd.h"
 #include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
 
 namespace {
 
@@ -113,6 +116,21 @@ TEST_F(HealthCliTest, NoQuorumWithoutDisksIs157) {
                               ":down:R\nnode:2:beta:127.0.0.1:" + std::to_string(b_.port()) +
                               ":down:-\nnode:3:gamma:127.0.0.1:" + dead_ + ":down:-\n");
   EXPECT_EQ(NoSock(r.err), Unreachable() + "No quorum: 0 of 3 nodes are up; 2 are required\n");
+  EXPECT_TRUE(a_.waitDone(3000) && b_.waitDone(3000));
+}
+
+TEST_F(HealthCliTest, DisksOnlyInTheCachedConfigurationStillCount) {
+  // As after init: no local disk list, but the cached state names a disk.
+  ASSERT_EQ(mkdir((base_ + "/cached").c_str(), 0755), 0);
+  PaxosFileData pfd;
+  pfd.summary.seq = 3;
+  pfd.summary.committed.config.disks = {1};
+  ASSERT_EQ(storePaxosFile(base_ + "/cached/zel.paxos", pfd, 77, 1), 0);
+  a_.expect(MSG_TYPE_STATUS).reply(MSG_TYPE_OK, V(4, 0));
+  b_.expect(MSG_TYPE_STATUS).reply(MSG_TYPE_OK, V(0, 0));
+  RunResult r = Run({"health", "-y"});
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_NE(r.out.find(":down:-\ndisk:1::-\n"), std::string::npos) << r.out;
   EXPECT_TRUE(a_.waitDone(3000) && b_.waitDone(3000));
 }
 

@@ -12,6 +12,7 @@
 #include "zel/zelcmd.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
+#include "zel/zelpaxosfile.h"
 #include "zel/zelutils.h"
 
 namespace {
@@ -53,6 +54,16 @@ const char* diskWord(const std::string& label) {
   if (!IsAbsPath(label)) return "-";
   struct stat st;
   return stat(label.c_str(), &st) == 0 ? "present" : "absent";
+}
+
+// The disk slots of the configuration in this client's cached committed state;
+// none when there is no such file or it does not load.
+std::vector<int> cachedDiskSlots() {
+  int seq = 0;
+  CommittedState committed;
+  unsigned long long clusterId = zelClusterId;
+  if (loadPFDFromFile(&seq, &committed, &clusterId) != 0) return {};
+  return committed.config.disks;
 }
 
 }  // namespace
@@ -105,6 +116,21 @@ int HealthCommand(const ZelSettings& s, const ZelArgs&) {
       printf("disk:%d:%s:%s\n", d.first, d.second.label.c_str(), diskWord(d.second.label));
     } else {
       printf("%5d %-7s %s\n", d.first, diskWord(d.second.label), d.second.label.c_str());
+    }
+  }
+  // Only a listing writes zel.disks here (init and setup do not), so an empty
+  // list says little: the configuration this client last saw names the disks
+  // by slot, without their labels.
+  if (disks.empty()) {
+    for (int slot : cachedDiskSlots()) {
+      nDisks++;
+      if (s.yOpt) {
+        printf("disk:%d::-\n", slot);
+      } else {
+        if (nDisks == 1)
+          puts("\n disk state   label\n----- ------- --------------------------------");
+        printf("%5d -       (not in the local disk list; lsdisks fetches it)\n", slot);
+      }
     }
   }
   fflush(stdout);

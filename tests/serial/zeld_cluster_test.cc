@@ -11,6 +11,7 @@
 
 #include <mutex>
 #include <random>
+#include <regex>
 
 #include "support/cluster.h"
 #include "support/linearize.h"
@@ -117,6 +118,44 @@ TEST_F(ZeldCluster, AStoppedNodeCatchesUpValuesAndFiles) {
     RunResult r = c_->kxzel({"fget", "file" + std::to_string(f), out});
     ASSERT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_TRUE(ReadFile(out) == Pattern((1 << 20) + f, f)) << "file" << f;
+  }
+}
+
+TEST_F(ZeldCluster, HealthShowsEveryNodeAndWhetherAQuorumIsUp) {
+  Up(3, 1);
+  // With a tiebreaker one node is enough, and a write then goes through.
+  struct Stage {
+    int kill;
+    std::string states;
+    int exitStatus;
+  } stages[] = {
+      {-1, "joined joined joined", 0},
+      {0, "down joined joined", 0},
+      {1, "down down joined", 0},
+      {2, "down down down", 157},
+  };
+  std::regex node("node:(\\d):127\\.0\\.0\\.1:127\\.0\\.0\\.1:(\\d+):(\\w+):(-|[0-9.]+)\n");
+  for (const Stage& st : stages) {
+    if (st.kill >= 0) c_->kill9(st.kill);
+    RunResult r = c_->kxzel({"health", "-y"});
+    std::string states;
+    int id = 1;
+    for (std::sregex_iterator i(r.out.begin(), r.out.end(), node), e; i != e; ++i, ++id) {
+      EXPECT_EQ((*i)[1], std::to_string(id));
+      EXPECT_EQ((*i)[2], std::to_string(c_->port(id - 1)));
+      EXPECT_EQ((*i)[4] == "-", (*i)[3] == "down") << r.out;
+      states += (states.empty() ? "" : " ") + (*i)[3].str();
+    }
+    EXPECT_EQ(states, st.states) << r.out;
+    // Right after init only the cached configuration names the disk.
+    EXPECT_NE(r.out.find("\ndisk:1::-\n"), std::string::npos) << r.out;
+    EXPECT_EQ(r.exitStatus, st.exitStatus) << r.err;
+    if (st.exitStatus == 0) {
+      EXPECT_EQ(Put("h", st.states), 0) << st.states;
+    } else {
+      EXPECT_NE(r.err.find("No quorum: 0 of 3 nodes are up; 1 are required"), std::string::npos)
+          << r.err;
+    }
   }
 }
 
