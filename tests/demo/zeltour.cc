@@ -1,9 +1,12 @@
 // zel-tour: a real repository on this machine, driven by the real client. It
-// starts a zeld-testinstall node with zel-local in a temporary directory and runs
-// kxzel-testinstall through values (a conditional update refused), a 64 MiB file
-// sent and fetched with its checksum compared and the progress shown, a stop and
-// restart of the node showing the data kept, and zel-local down, leaving nothing
-// running. Each step shows the command as typed, its output and exit status.
+// brings up three zeld-testinstall nodes and a tiebreaker disk with zel-local in
+// a temporary directory and runs kxzel-testinstall through values (a conditional
+// update refused), a 64 MiB file sent and fetched with its checksum compared and
+// the progress shown, a node stopped while reads and writes go on and then
+// started and caught up, a fourth node added with chnodes, the disk replaced with
+// chdisks, and zel-local down, leaving nothing running. Each step shows the
+// command as typed, its output and exit status.
+#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
@@ -12,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -70,7 +74,11 @@ class Tour {
     o.argv = {buildDir() + "/" + tool};
     o.argv.insert(o.argv.end(), args.begin(), args.end());
     EnvList env = env_;
-    env.insert(env.end(), extra.begin(), extra.end());
+    for (const auto& e : extra) {
+      auto same = [&](const std::pair<std::string, std::string>& o) { return o.first == e.first; };
+      env.erase(std::remove_if(env.begin(), env.end(), same), env.end());
+      env.push_back(e);
+    }
     o.env = TestEnvironment(env);
     o.stdoutPath = o.stderrPath = log_;
     int rc = 127;
@@ -143,6 +151,32 @@ bool fileCrc(const std::string& path, unsigned int* crc) {
   return true;
 }
 
+// The name of the first entry of dir that starts with prefix, or "".
+std::string entryStartingWith(const std::string& dir, const std::string& prefix) {
+  std::string found;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (found.empty() && std::string(e->d_name).compare(0, prefix.size(), prefix) == 0) {
+        found = e->d_name;
+      }
+    }
+    closedir(d);
+  }
+  return found;
+}
+
+// Node id -> port, from the lines of zel-local status.
+std::vector<std::string> portsOf(const std::string& status) {
+  std::vector<std::string> ports;
+  std::regex line("\\n +(\\d+)  (\\d+) ");
+  for (std::sregex_iterator i(status.begin(), status.end(), line), e; i != e; ++i) {
+    size_t id = static_cast<size_t>(std::stoi((*i)[1]));
+    if (ports.size() <= id) ports.resize(id + 1);
+    ports[id] = (*i)[2];
+  }
+  return ports;
+}
+
 }  // namespace
 
 int main() {
@@ -153,18 +187,25 @@ int main() {
   }
   const std::string top = tmpl, dir = top + "/repo";
   Tour t(top + "/step");
-  printf("A repository of one zeld-testinstall node in %s, run by zel-local.\n\n", dir.c_str());
+  printf(
+      "A repository of three zeld-testinstall nodes and one tiebreaker disk in %s,\n"
+      "run by zel-local.\n\n",
+      dir.c_str());
 
-  std::string up = t.run("zel-local", {"up", dir, "-n", "1", "-d", "0"}, 0);
+  std::string up = t.run("zel-local", {"up", dir}, 0);
   std::smatch m;
   if (!std::regex_search(up, m, std::regex("export ZEL_BASE=(\\S+) ZEL_PORT=(\\d+)"))) {
     printf("zel-tour: zel-local up printed no export line\n");
+    t.run("zel-local", {"down", dir}, 0);
     nftw(top.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
     return 1;
   }
   t.setEnv({{"ZEL_BASE", m[1]}, {"ZEL_PORT", m[2]}});
-  t.note("every kxzel-testinstall below runs with that ZEL_BASE and ZEL_PORT");
-  t.run("zel-local", {"status", dir}, 0);
+  t.note(
+      "every kxzel-testinstall below runs with that ZEL_BASE and ZEL_PORT (node 1's port:\n"
+      "# the client asks node 1 first, and the others when it does not answer)");
+  std::vector<std::string> ports = portsOf(t.run("zel-local", {"status", dir}, 0));
+  ports.resize(5);
   t.run("kxzel-testinstall", {"lsnodes"}, 0);
   t.run("kxzel-testinstall", {"lsdisks"}, 0);
 
@@ -189,17 +230,57 @@ int main() {
          same);
   t.run("kxzel-testinstall", {"flist"}, 0);
 
-  t.note("stop the node; the data is on its disk");
-  t.run("zel-local", {"stop", dir, "1"}, 0);
-  t.run("zel-local", {"status", dir}, 3);
-  t.run("zel-local", {"start", dir, "1"}, 0);
+  t.note("stop node 2: nodes 1 and 3 and the tiebreaker disk go on serving");
+  t.run("zel-local", {"stop", dir, "2"}, 0);
+  t.run("kxzel-testinstall", {"health"}, 0);
+  t.run("kxzel-testinstall", {"vput", "greeting", "written while node 2 was down"}, 0);
+  const std::string small = top + "/notes.txt", smallCopy = top + "/notes-copy.txt";
+  unsigned int crcSmall = 0;
+  made = makeFile(small, 1 << 20, &crcSmall);
+  t.note("generated " + small + ": 1048576 bytes, cksum " + std::to_string(crcSmall), made);
+  t.run("kxzel-testinstall", {"fput", "notes", small}, 0);
   t.run("kxzel-testinstall", {"vget", "greeting"}, 0);
-  remove(copy.c_str());
-  t.run("kxzel-testinstall", {"fget", "big", copy}, 0);
-  same = fileCrc(copy, &crcCopy) && crcCopy == crcBig;
-  t.note("after the restart the copy's cksum: " + std::to_string(crcCopy) +
-             (same ? " (the same)" : " (DIFFERENT)"),
+
+  t.note("start node 2 again: it catches up from the others");
+  t.run("zel-local", {"start", dir, "2"}, 0);
+  t.run("kxzel-testinstall", {"health"}, 0);
+  t.note("with node 2's port the client asks node 2 first");
+  t.run("kxzel-testinstall", {"vget", "greeting"}, 0, {{"ZEL_PORT", ports[2]}});
+  // Files missed while down are fetched by a thread of the node's own.
+  std::string got;
+  for (int i = 0; i < 150 && got.empty(); i++) {
+    got = entryStartingWith(dir + "/node2/committed", "notes.");
+    if (got.empty()) usleep(100000);
+  }
+  t.note(got.empty() ? "node 2 has not fetched the file notes after 15 s"
+                     : "node 2 has fetched the file it missed: " + dir + "/node2/committed/" + got,
+         !got.empty());
+  t.note("stop nodes 1 and 3: node 2 and the tiebreaker disk serve alone, with what it caught up");
+  t.run("zel-local", {"stop", dir, "1"}, 0);
+  t.run("zel-local", {"stop", dir, "3"}, 0);
+  t.run("kxzel-testinstall", {"vget", "greeting"}, 0);
+  t.run("kxzel-testinstall", {"fget", "notes", smallCopy}, 0);
+  same = fileCrc(smallCopy, &crcCopy) && crcCopy == crcSmall;
+  t.note("the copy's cksum: " + std::to_string(crcCopy) + (same ? " (the same)" : " (DIFFERENT)"),
          same);
+  t.run("zel-local", {"start", dir, "1"}, 0);
+  t.run("zel-local", {"start", dir, "3"}, 0);
+
+  t.note("add a fourth node: zel-local starts it, chnodes makes it a quorum node");
+  std::string added = t.run("zel-local", {"add", dir}, 0);
+  std::string four;
+  if (std::regex_search(added, m, std::regex("^127\\.0\\.0\\.1:\\d+$", std::regex::multiline))) {
+    for (int id = 1; id <= 3; id++) four += "127.0.0.1:" + ports[static_cast<size_t>(id)] + ",";
+    four += m[0].str();
+  }
+  t.note("the new node's location: " + (four.empty() ? "none printed" : m[0].str()), !four.empty());
+  t.run("kxzel-testinstall", {"chnodes", "-n", four}, 0);
+  t.run("kxzel-testinstall", {"lsnodes"}, 0);
+
+  t.note("replace the tiebreaker disk by a new file");
+  t.run("kxzel-testinstall", {"chdisks", "-d", dir + "/disks/disk2"}, 0);
+  t.run("kxzel-testinstall", {"lsdisks"}, 0);
+  t.run("kxzel-testinstall", {"vget", "greeting"}, 0);
 
   t.run("zel-local", {"down", dir}, 0);
   int left = static_cast<int>(ProcessesUnder(dir).size());
