@@ -183,6 +183,56 @@ int FileStore::lookup(const std::string& name) const {
   return it == byName_.end() ? -1 : it->second;
 }
 
+std::string FileStore::nameOf(int id) const {
+  if (id == kNodesFileId) return kNodesFileName;
+  std::lock_guard<std::mutex> g(mu_);
+  auto it = map_.find(id);
+  return it == map_.end() ? std::string() : it->second.name;
+}
+
+int FileStore::learn(const std::string& name, int id) {
+  if (id == kNodesFileId) return 0;
+  std::lock_guard<std::mutex> g(mu_);
+  auto byName = byName_.find(name);
+  auto byId = map_.find(id);
+  if (byName != byName_.end() && byName->second == id && byId != map_.end() &&
+      byId->second.name == name) {
+    return 0;
+  }
+  if (byName != byName_.end()) map_.erase(byName->second);
+  if (byId != map_.end()) byName_.erase(byId->second.name);
+  map_[id] = FileItem{name, "", 0};
+  byName_[name] = id;
+  return saveMapLocked();
+}
+
+int FileStore::nextId(const CommittedState& s) const {
+  std::lock_guard<std::mutex> g(mu_);
+  int top = kNodesFileId;
+  if (!map_.empty()) top = std::max(top, map_.rbegin()->first);
+  if (!s.fileList.empty()) top = std::max(top, s.fileList.rbegin()->first);
+  return top == 0x7fffffff ? -1 : top + 1;
+}
+
+bool FileStore::holds(int fileId, const FileVersion& fv) const {
+  std::lock_guard<std::mutex> g(mu_);
+  auto it = copies_.find(fileId);
+  if (it == copies_.end()) return false;
+  for (const Copy& c : it->second)
+    if (c.fv.version == fv.version && c.fv.uid == fv.uid) return true;
+  return false;
+}
+
+std::string FileStore::latestPath(int fileId) const {
+  std::lock_guard<std::mutex> g(mu_);
+  auto it = copies_.find(fileId);
+  if (it == copies_.end() || it->second.empty()) return std::string();
+  const Copy* best = &it->second.front();
+  for (const Copy& c : it->second)
+    if (c.fv.version > best->fv.version) best = &c;
+  return committedPath(best->name, fileId, best->fv);
+}
+
 FileIdMap FileStore::idMap() const {
   std::lock_guard<std::mutex> g(mu_);
   FileIdMap m = map_;
@@ -190,13 +240,17 @@ FileIdMap FileStore::idMap() const {
   return m;
 }
 
-int FileStore::createStaging(const UpdateId& uid, std::string* path, int* fd) {
+std::string FileStore::stagingName(const UpdateId& uid) {
   unsigned long long n;
   {
     std::lock_guard<std::mutex> g(mu_);
     n = ++stagingCounter_;
   }
-  *path = stagingDir_ + "/" + kStagingPrefix + uid.uidString() + "." + std::to_string(n);
+  return stagingDir_ + "/" + kStagingPrefix + uid.uidString() + "." + std::to_string(n);
+}
+
+int FileStore::createStaging(const UpdateId& uid, std::string* path, int* fd) {
+  *path = stagingName(uid);
   return PlatOpen(path->c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644, fd);
 }
 
@@ -242,9 +296,28 @@ void FileStore::forget(int fileId) {
   pruneLocked(fileId, 1);
 }
 
-int FileStore::reconcile(const CommittedState& s) {
+std::vector<std::string> FileStore::stagingFiles() const {
+  return listDir(stagingDir_);
+}
+
+int FileStore::commitFromStaging(const std::vector<std::string>& names, const ProposedUpdate& u) {
+  const FileUpdate* f = u.getFileUpdate();
+  if (f == nullptr) return ENOENT;
+  std::string prefix = kStagingPrefix + u.uid.uidString() + ".";
+  for (const std::string& n : names) {
+    if (n.compare(0, prefix.size(), prefix) != 0) continue;
+    std::string path = stagingDir_ + "/" + n;
+    unsigned int crc = 0;
+    if (fileCrc(path, &crc) != 0 || crc != f->crc) continue;
+    return commit(path, u);
+  }
+  return ENOENT;
+}
+
+int FileStore::reconcile(const CommittedState& s, const std::vector<std::string>& names,
+                         bool removeOthers) {
   int result = 0;
-  for (const std::string& f : listDir(stagingDir_)) {
+  for (const std::string& f : names) {
     std::string path = stagingDir_ + "/" + f;
     // "f.<uid>.<n>": a staging file whose update the state holds and whose copy is missing.
     size_t dot = f.find('.', 2);
@@ -269,7 +342,7 @@ int FileStore::reconcile(const CommittedState& s) {
         break;
       }
     }
-    if (!linked) {
+    if (!linked && removeOthers) {
       trace(3, "removing abandoned staging file '%s'", path.c_str());
       PlatUnlink(path.c_str());
     }

@@ -55,6 +55,9 @@ void ApplyEnvironment(ServerOptions* o) {
   o->idleMs = envInt("ZEL_TEST_IDLE_MS", o->idleMs);
   o->greetingMs = envInt("ZEL_TEST_IO_MS", o->greetingMs);
   o->loseReplies = envInt("ZEL_TEST_LOSE_REPLIES", 0);
+  o->requestMs = envInt("ZEL_TEST_REQUEST_MS", o->requestMs);
+  const char* at = getenv("ZEL_TEST_CRASH_AT");
+  if (at != nullptr) o->crashAt = at;
   o->faults.crashBeforeLink = envInt("ZEL_TEST_CRASH_BEFORE_LINK", 0) != 0;
 }
 

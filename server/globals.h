@@ -27,6 +27,9 @@ struct ServerOptions {
   int idleMs = 300000;       // a connection may wait this long between requests
   int ioMs = 30000;          // each wait inside a message or a file transfer
   int maxConnections = 1024;
+  // An update or read without a quorum is answered 819 after this.
+  int requestMs = 20000;
+  std::string crashAt;  // test installation: ZEL_TEST_CRASH_AT, a point of a ballot
   // Test installation only (from the environment): replies to drop after the
   // decision (connection closed instead), and crash points.
   int loseReplies = 0;
@@ -35,7 +38,7 @@ struct ServerOptions {
 
 // Port: -P, else ZEL_PORT, else 1191. Options from the environment of a test
 // installation: ZEL_TEST_IO_MS, ZEL_TEST_IDLE_MS, ZEL_TEST_LOSE_REPLIES,
-// ZEL_TEST_CRASH_BEFORE_LINK.
+// ZEL_TEST_CRASH_BEFORE_LINK, ZEL_TEST_REQUEST_MS, ZEL_TEST_CRASH_AT.
 void ApplyEnvironment(ServerOptions* o);
 
 struct ServerPaths {

@@ -11,6 +11,9 @@ namespace zeld {
 namespace {
 
 constexpr long long kNever = 1LL << 62;
+// A read barrier that saw an undecided input looks again this soon: its
+// proposer is usually about to announce the decision.
+constexpr long long kBarrierRepollMs = 10;
 
 bool hasInp(const Dblock& b) {
   return b.inp.type != ProposedUpdate::noUpdate;
@@ -98,6 +101,40 @@ uint64_t PaxosCore::submit(const PrepareFn& prepare, long long now) {
   return id;
 }
 
+uint64_t PaxosCore::barrier(long long now) {
+  Barrier b;
+  b.id = nextId_++;
+  b.deadline = now + o_.requestMs;
+  b.needRead = readsStarted_ + 1;
+  if (fault_ != 0 || barriers_.size() >= o_.maxQueue) {
+    Completion c;
+    c.id = b.id;
+    c.rc = fault_ != 0 ? 148 : 819;
+    done_.push_back(std::move(c));
+    return b.id;
+  }
+  barriers_.push_back(b);
+  if (phase_ == kIdle && queue_.empty()) startAttempt(kPoll, now);
+  return b.id;
+}
+
+void PaxosCore::releaseBarriers(long long upTo, int rc) {
+  size_t keep = 0;
+  for (Barrier& b : barriers_) {
+    if (b.needRead > upTo && rc == 0) {
+      barriers_[keep++] = b;
+      continue;
+    }
+    Completion c;
+    c.id = b.id;
+    c.rc = rc;
+    c.seq = own_.seq;
+    if (rc == 0) c.state = own_.committed;
+    done_.push_back(std::move(c));
+  }
+  barriers_.resize(keep);
+}
+
 void PaxosCore::complete(Request& r, int rc) {
   if (r.answered) return;
   r.answered = true;
@@ -137,6 +174,9 @@ void PaxosCore::startAttempt(Phase p, long long now) {
     bestInp_ = own_.inp;
   }
   phaseDeadline_ = now + o_.phaseMs;
+  if (o_.point && (p == kPhase1 || p == kPhase2)) o_.point(p == kPhase1 ? "phase1" : "phase2");
+  if (p != kPhase2) attemptRead_ = ++readsStarted_;
+  if (p == kPhase1) ballotRead_ = attemptRead_;
   bool write = p == kPhase1 || p == kPhase2 || p == kAnnounce;
   if (write) {
     if (own_.seq < lastWrittenSeq_) broken_ = "own block's seq went down";
@@ -231,6 +271,7 @@ void PaxosCore::advance(long long now) {
       bool pending = hasInp(own_) || bestBal_ != BallotNumber();
       bool stuck = phase_ == kStarting || pendingSeenSeq_ == own_.seq;
       pendingSeenSeq_ = pending ? own_.seq : -1;
+      if (!pending) releaseBarriers(attemptRead_, 0);
       phase_ = kIdle;
       idleSince_ = now;
       if (pending && stuck && mySlot_ >= 0) {
@@ -258,6 +299,7 @@ void PaxosCore::advance(long long now) {
     case kPhase2:
       return decide(now);
     case kAnnounce:
+      if (bestBal_ == BallotNumber()) releaseBarriers(attemptRead_, 0);
       phase_ = kIdle;
       idleSince_ = now;
       return maybeStart(now);
@@ -273,6 +315,7 @@ void PaxosCore::decide(long long now) {
     return setFault(msg.c_str(), now);
   }
   trace(3, "node %d: seq %d decided %s", o_.nodeId, own_.seq, value_.toString().c_str());
+  if (o_.point) o_.point("decided");
   own_.inp = value_;
   own_.applyInp();
   recovering_ = false;
@@ -281,7 +324,11 @@ void PaxosCore::decide(long long now) {
   e.state = own_.committed;
   e.inp = value_;
   applied_.push_back(std::move(e));
+  if (o_.point) o_.point("applied");
   enterSeq(now);
+  // This ballot's phase 1 read a quorum: whatever was decided before it began is
+  // in the state now (a decided input is the one every later ballot carries).
+  releaseBarriers(ballotRead_, 0);
   if (!queue_.empty() && queue_.front().preparedSeq >= 0) {
     Request& h = queue_.front();
     if (sameUpdate(h.u, value_)) finishHead(0);
@@ -372,11 +419,23 @@ void PaxosCore::setFault(const char* why, long long now) {
   faultWhy_ = why;
   phase_ = kFaulted;
   while (!queue_.empty()) finishHead(148);
+  releaseBarriers(0, 148);
 }
 
 void PaxosCore::tick(long long now) {
   for (Request& r : queue_)
     if (!r.answered && r.deadline <= now) complete(r, 819);
+  for (size_t i = 0; i < barriers_.size();) {
+    if (barriers_[i].deadline > now) {
+      i++;
+      continue;
+    }
+    Completion c;
+    c.id = barriers_[i].id;
+    c.rc = 819;
+    done_.push_back(std::move(c));
+    barriers_.erase(barriers_.begin() + static_cast<long>(i));
+  }
   switch (phase_) {
     case kStarting:
       if (now >= phaseDeadline_) startAttempt(kStarting, now);
@@ -406,7 +465,7 @@ void PaxosCore::tick(long long now) {
       }
       break;
     case kIdle:
-      if (queue_.empty() && now >= idleSince_ + o_.pollMs) startAttempt(kPoll, now);
+      if (queue_.empty() && now >= idleSince_ + idlePollMs()) startAttempt(kPoll, now);
       break;
     default:
       break;
@@ -417,6 +476,7 @@ long long PaxosCore::nextWake() const {
   long long t = kNever;
   for (const Request& r : queue_)
     if (!r.answered) t = std::min(t, r.deadline);
+  for (const Barrier& b : barriers_) t = std::min(t, b.deadline);
   switch (phase_) {
     case kStarting:
     case kPoll:
@@ -429,12 +489,16 @@ long long PaxosCore::nextWake() const {
       t = std::min(t, wakeAt_);
       break;
     case kIdle:
-      if (queue_.empty()) t = std::min(t, idleSince_ + o_.pollMs);
+      if (queue_.empty()) t = std::min(t, idleSince_ + idlePollMs());
       break;
     default:
       break;
   }
   return t;
+}
+
+long long PaxosCore::idlePollMs() const {
+  return barriers_.empty() ? o_.pollMs : std::min(o_.pollMs, kBarrierRepollMs);
 }
 
 bool PaxosCore::settled() const {
@@ -462,7 +526,7 @@ std::string PaxosCore::describe() const {
   std::ostringstream os;
   os << "node " << o_.nodeId << " slot " << mySlot_ << " seq " << own_.seq << " phase "
      << phaseName(phase_) << " mbal " << own_.mbal << " bal " << own_.bal << " inp "
-     << own_.inp.toString() << " queued " << queue_.size();
+     << own_.inp.toString() << " queued " << queue_.size() << " barriers " << barriers_.size();
   if (fault_ != 0) os << " fault " << fault_ << " (" << faultWhy_ << ")";
   os << "\n";
   for (int d = 0; d < shape_.size(); d++)

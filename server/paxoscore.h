@@ -73,6 +73,9 @@ class PaxosCore {
     unsigned seed = 1;
     size_t maxQueue = 1024;
     std::function<DiskShape(const CommittedState&)> shape;
+    // Test hook: called at "phase1" and "phase2" (a ballot's phase begins),
+    // "decided" (a quorum accepted, before applying) and "applied".
+    std::function<void(const char* point)> point;
   };
   enum Phase { kStarting, kIdle, kPoll, kPhase1, kPhase2, kAnnounce, kBackoff, kFaulted };
 
@@ -82,6 +85,10 @@ class PaxosCore {
   int start(const std::vector<SlotBlock>& own, long long now);
   // Queues an update (FIFO); its Completion comes out later.
   uint64_t submit(const PrepareFn& prepare, long long now);
+  // A read barrier: its Completion (0 with the state) comes out once a quorum
+  // read begun after now shows nothing that may be decided beyond the applied
+  // state, so a read answered from that state misses no acknowledged update.
+  uint64_t barrier(long long now);
   void onReply(const DiskReply& r, long long now);
   // Handles every time-out due at now.
   void tick(long long now);
@@ -124,9 +131,16 @@ class PaxosCore {
   void startBallot(long long now);
   void maybeStart(long long now);
   void setFault(const char* why, long long now);
+  struct Barrier {
+    uint64_t id = 0;
+    long long deadline = 0;
+    long long needRead = 0;  // the first quorum read that may release it
+  };
   void complete(Request& r, int rc);
+  void releaseBarriers(long long upTo, int rc);
   void finishHead(int rc);
   bool headDone();
+  long long idlePollMs() const;
 
   Options o_;
   Dblock own_;
@@ -155,6 +169,10 @@ class PaxosCore {
   int lastWrittenSeq_ = -1;
   std::string broken_;
   std::deque<Request> queue_;
+  std::vector<Barrier> barriers_;
+  long long readsStarted_ = 0;  // quorum reads begun: start-ups, polls, announcements, phase 1
+  long long attemptRead_ = 0;   // the number of the running attempt's read
+  long long ballotRead_ = 0;    // the number of the running ballot's phase 1
   uint64_t nextId_ = 1;
   std::mt19937 rng_;
   std::vector<DiskOp> ops_;

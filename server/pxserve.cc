@@ -1,6 +1,8 @@
 // The store side of the peer messages: decode, ask the local disk, encode.
 #include "server/pxserve.h"
 
+#include <poll.h>
+
 #include <vector>
 
 #include "platform/pfile.h"
@@ -86,6 +88,15 @@ int receiveInputFile(Connection* conn, const FileUpdate& fu, const std::string& 
   return 0;
 }
 
+// Whether the writer has closed its end: its process may have died and come
+// back, and a block from its earlier life must not land after its new life
+// read the disks. (A request already being written is not taken back.)
+bool writerGone(Connection* conn) {
+  if (conn == nullptr || conn->getSock() < 0) return false;
+  struct pollfd p = {conn->getSock(), POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
 // The reply to a decoded "pxwrite" or "pxrdwr".
 void answerWrite(int type, const PxWriteRequest& w, Disk* disk, int* replyType,
                  std::string* reply) {
@@ -145,6 +156,10 @@ int ServePx(Connection* conn, int type, const char* body, int len, Disk* disk,
     rc = receiveInputFile(conn, fu, path, &fatal);
     if (fatal) return rc;
     if (rc != 0) return send(conn, MSG_TYPE_FAILED, PxFailedBody(rc));
+  }
+  if (writerGone(conn)) {
+    trace(2, "%s from node %d dropped: its connection is closed", msgName(type), w.writerId);
+    return E_CONN_SHUTDOWN;
   }
   answerWrite(type, w, disk, &replyType, &reply);
   return send(conn, replyType, reply);

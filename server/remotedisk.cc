@@ -29,7 +29,21 @@ int fileSize(const std::string& path, int* size) {
 
 RemoteDisk::RemoteDisk(int selfId, int peerId, const CommAddr& addr, PxFileSourceFn files,
                        const Options& opt)
-    : selfId_(selfId), peerId_(peerId), addr_(addr), files_(std::move(files)), opt_(opt) {}
+    : RemoteDisk(
+          selfId, peerId,
+          [addr](CommAddr* out) {
+            *out = addr;
+            return 0;
+          },
+          std::move(files), opt) {}
+
+RemoteDisk::RemoteDisk(int selfId, int peerId, AddrFn addr, PxFileSourceFn files,
+                       const Options& opt)
+    : selfId_(selfId),
+      peerId_(peerId),
+      addr_(std::move(addr)),
+      files_(std::move(files)),
+      opt_(opt) {}
 
 RemoteDisk::~RemoteDisk() {
   drop();
@@ -75,10 +89,16 @@ int RemoteDisk::exchangeOnce(int type, const std::string& body, const ProposedUp
                              std::vector<SlotBlock>* out, bool* replied) {
   *replied = false;
   if (conn_ == nullptr) {
-    int rc = connectTo(addr_, &conn_, opt_.connectTimeoutMs);
+    CommAddr addr;
+    int rc = addr_(&addr);
+    if (rc != 0) {
+      trace(3, "%s: no address (err %d)", label().c_str(), rc);
+      return rc;
+    }
+    rc = connectTo(addr, &conn_, opt_.connectTimeoutMs);
     if (rc != 0) {
       conn_ = nullptr;
-      trace(3, "%s: connect to %s failed (err %d)", label().c_str(), addr_.toString().c_str(), rc);
+      trace(3, "%s: connect to %s failed (err %d)", label().c_str(), addr.toString().c_str(), rc);
       return rc;
     }
     conn_->setTimeouts(opt_.ioTimeoutMs, opt_.ioTimeoutMs);

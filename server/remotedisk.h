@@ -27,9 +27,14 @@ class RemoteDisk : public Disk {
     int ioTimeoutMs = 5000;
   };
 
+  // Where the store is now: 0 with its address, or why it cannot be reached.
+  using AddrFn = std::function<int(CommAddr* out)>;
+
   // selfId is this node's id (sent as reader or writer); peerId names the store.
   RemoteDisk(int selfId, int peerId, const CommAddr& addr, PxFileSourceFn files,
              const Options& opt);
+  // The address looked up at each new connection (a node list may change).
+  RemoteDisk(int selfId, int peerId, AddrFn addr, PxFileSourceFn files, const Options& opt);
   RemoteDisk(int selfId, int peerId, const CommAddr& addr, PxFileSourceFn files = nullptr)
       : RemoteDisk(selfId, peerId, addr, std::move(files), Options()) {}
   ~RemoteDisk() override;
@@ -50,7 +55,7 @@ class RemoteDisk : public Disk {
 
   int selfId_;
   int peerId_;
-  CommAddr addr_;
+  AddrFn addr_;
   PxFileSourceFn files_;
   Options opt_;
   std::mutex mu_;  // one exchange at a time on the connection

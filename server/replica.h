@@ -90,6 +90,11 @@ class Replica {
   virtual int submit(const PrepareFn& prepare, int* seq, CommittedState* state) = 0;
   // The latest applied state (a read: no agreement round).
   virtual void snapshot(int* seq, CommittedState* state) const = 0;
+  // The applied state once a quorum read begun after the call shows nothing
+  // decided beyond it: what a linearizable read answers from. 0, 819 without a
+  // quorum within the bound, 148 on a fault. Alone in its configuration (one
+  // node store, no tiebreakers) the node's own state is that state already.
+  virtual int barrier(int* seq, CommittedState* state) = 0;
   // Engine state for "dump" and "status".
   virtual std::string describe() const = 0;
 };
@@ -104,12 +109,17 @@ struct ReplicaOptions {
   long long phaseMs = 2000;        // a phase without a quorum is retried after this
   long long pollMs = 1000;         // an idle node reads the disks this often to catch up
   unsigned seed = 0;               // back-off randomness; 0 picks one from the clock
+  long long settleMs = 20000;      // OpenReplica waits this long for a first quorum read
+  // Test builds only: the process kills itself at this point of a ballot
+  // ("phase1", "phase2", "decided", "applied"); empty: never.
+  std::string crashAt;
 };
 
 // Opens a replica that starts from the newest block of its own store and runs
 // until destroyed. 0, or 2 when the store holds no block (not initialised), or
-// the store's read error. prepare and the callbacks run on the engine's thread:
-// they must not call the replica. A submit answered 819 stays queued and is
+// the store's read error. prepare and the callbacks run on the engine's thread
+// or, for prepare, on the submitting thread under the engine's lock: they must
+// not call the replica. A submit answered 819 stays queued and is
 // still driven to a decision (prepare may run after submit returned).
 int OpenReplica(const ReplicaOptions& opts, std::unique_ptr<Replica>* out);
 

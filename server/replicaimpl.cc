@@ -1,6 +1,9 @@
 // The threaded runner: drives a PaxosCore on real disks. One driver thread owns
 // the core's time-outs and callbacks; one worker per disk runs its operations,
 // so a slow disk delays only itself.
+#include <signal.h>
+#include <stdio.h>
+
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -22,6 +25,7 @@ class EngineReplica : public Replica {
   int open();
   int submit(const PrepareFn& prepare, int* seq, CommittedState* state) override;
   void snapshot(int* seq, CommittedState* state) const override;
+  int barrier(int* seq, CommittedState* state) override;
   std::string describe() const override;
 
  private:
@@ -37,6 +41,7 @@ class EngineReplica : public Replica {
   void driverLoop();
   void workerLoop(Worker* w);
   void publish(std::unique_lock<std::mutex>& lock);
+  int await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq, CommittedState* state);
 
   ReplicaOptions o_;
   mutable std::mutex mu_;
@@ -66,6 +71,15 @@ PaxosCore::Options coreOptions(const ReplicaOptions& o) {
   c.phaseMs = o.phaseMs;
   c.pollMs = o.pollMs;
   c.seed = o.seed != 0 ? o.seed : static_cast<unsigned>(PlatNowMs() * 2654435761u + o.nodeId);
+  if (!o.crashAt.empty()) {
+    std::string at = o.crashAt;
+    c.point = [at](const char* point) {
+      if (at == point) {
+        fprintf(stderr, "zeld: test switch: crashing at %s\n", point);
+        raise(SIGKILL);
+      }
+    };
+  }
   return c;
 }
 
@@ -212,7 +226,7 @@ int EngineReplica::open() {
   dispatch(core_.takeOps());
   driver_ = std::thread([this] { driverLoop(); });
   // Serve only once the node knows where the repository stands (bounded).
-  long long until = PlatNowMs() + o_.requestMs;
+  long long until = PlatNowMs() + std::min(o_.requestMs, o_.settleMs);
   while (!core_.settled() && PlatNowMs() < until)
     doneCv_.wait_for(lock, std::chrono::milliseconds(20));
   return 0;
@@ -236,6 +250,28 @@ EngineReplica::~EngineReplica() {
 int EngineReplica::submit(const PrepareFn& prepare, int* seq, CommittedState* state) {
   std::unique_lock<std::mutex> lock(mu_);
   uint64_t id = core_.submit(prepare, PlatNowMs());
+  return await(lock, id, seq, state);
+}
+
+int EngineReplica::barrier(int* seq, CommittedState* state) {
+  std::unique_lock<std::mutex> lock(mu_);
+  // Alone, past the recovery of its own last vote, and with every decided
+  // instance applied (callbacks done): its state is the truth.
+  if (set_.tiebreakers.empty() && set_.nodeStores.size() == 1 &&
+      set_.nodeStores[0] == o_.ownStore && core_.settled()) {
+    std::lock_guard<std::mutex> g(snapMu_);
+    if (snapSeq_ == core_.appliedSeq()) {
+      if (seq != nullptr) *seq = snapSeq_;
+      if (state != nullptr) *state = snapState_;
+      return 0;
+    }
+  }
+  uint64_t id = core_.barrier(PlatNowMs());
+  return await(lock, id, seq, state);
+}
+
+int EngineReplica::await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq,
+                         CommittedState* state) {
   dispatch(core_.takeOps());
   cv_.notify_all();
   doneCv_.wait(lock, [&] { return results_.count(id) != 0 || stop_; });

@@ -7,6 +7,7 @@
 
 #include "classes/basic/ipaddr.h"
 #include "server/globals.h"
+#include "server/pxserve.h"
 #include "zel/kxsec.h"
 #include "zel/paxosinit.h"
 #include "zel/paxosutils.h"
@@ -143,10 +144,22 @@ bool Service::dispatch(Req& r) {
       return update(r);
     case MSG_TYPE_FPUT:
       return fput(r);
+    case MSG_TYPE_PXREAD:
+    case MSG_TYPE_PXWRITE:
+    case MSG_TYPE_PXRDWR:
+      return px(r);
     default:
       trace(3, "unknown request type %d from %s", r.type, r.c.getPeer().toString().c_str());
       return sendFailed(r.c, E_UNKNOWN_REQUEST);
   }
+}
+
+bool Service::px(Req& r) {
+  std::shared_ptr<Disk> store = g_.repo().store();
+  if (!store) return sendFailed(r.c, E_NOT_SERVER);
+  int rc =
+      ServePx(&r.c, r.type, r.p, static_cast<int>(r.end - r.p), store.get(), g_.repo().pxFiles());
+  return rc == 0;
 }
 
 bool Service::sendFailed(ServerConnection& c, int err) {

@@ -47,6 +47,8 @@ class Service {
   bool fxfer(Req& r);
   bool update(Req& r);
   bool fput(Req& r);
+  // "pxread", "pxwrite", "pxrdwr": another node reaching this node's block store.
+  bool px(Req& r);
 
   // Runs an update through the repository after the early check; shared by
   // every update request but fput.

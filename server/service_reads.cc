@@ -73,16 +73,16 @@ bool Service::sendFileFd(ServerConnection& c, int fd, long long size, unsigned i
 bool Service::vget(Req& r) {
   int seq = 0;
   CommittedState s;
-  int rc = g_.repo().snapshot(&seq, &s);
-  if (rc != 0) return sendFailed(r.c, rc);
+  int rc = g_.repo().barrier(&seq, &s);
+  if (rc != 0) return refuse(r.c, rc);
   return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
 }
 
 bool Service::fget(Req& r) {
   int seq = 0;
   CommittedState s;
-  int rc = g_.repo().snapshot(&seq, &s);
-  if (rc != 0) return sendFailed(r.c, rc);
+  int rc = g_.repo().barrier(&seq, &s);
+  if (rc != 0) return refuse(r.c, rc);
   if (r.p == r.end && r.type == MSG_TYPE_FGET) {
     // Names of the files the state holds; deleted names stay out of the listing.
     FileIdMap all = g_.files().idMap(), m;
@@ -102,13 +102,18 @@ bool Service::fget(Req& r) {
   // Private files only travel over connections that may need authentication.
   if (isFilePrivate(name) && r.type != MSG_TYPE_FGET_PRIV) return sendFailed(r.c, EACCES);
   int fileId = g_.files().lookup(name);
-  if (fileId < 0) return sendFailed(r.c, E_ZEL_NOT_FOUND);
+  if (fileId < 0) {
+    // A node still fetching what it skipped may not know the name yet.
+    if (g_.repo().lacksFiles(s)) return refuse(r.c, E_TRY_OTHERS);
+    return sendFailed(r.c, E_ZEL_NOT_FOUND);
+  }
   OpenFile f;
   rc = openCurrent(g_, fileId, &seq, &s, &f);
   if (rc == E_ZEL_NOT_FOUND) return sendFailed(r.c, rc);
   if (rc != 0) {
+    // Not fetched from the other nodes yet (this node caught up): they serve it.
     trace(1, "fget '%s': no committed copy here (err %d)", name.c_str(), rc);
-    return sendFailed(r.c, E_IO);
+    return rc == ENOENT ? refuse(r.c, E_TRY_OTHERS) : sendFailed(r.c, E_IO);
   }
   if (version != -1 && version == s.fileList[fileId].version) {
     return sendFailed(r.c, E_ZEL_VERSION_MATCH);
@@ -127,7 +132,8 @@ bool Service::discover(Req& r) {
   OpenFile f;
   int rc = openCurrent(g_, kNodesFileId, &seq, &s, &f);
   if (rc == E_ZEL_NOT_FOUND) return sendFailed(r.c, E_NODES_MISSING);
-  if (rc != 0) return sendFailed(r.c, rc == ENOENT ? E_NODES_MISSING : rc);
+  if (rc == ENOENT) return refuse(r.c, E_TRY_OTHERS);
+  if (rc != 0) return sendFailed(r.c, rc);
   // Always a full answer: the client stores the state and the node list.
   std::string tail = std::string(1, '\1') + varUInt(f.size, 0);
   if (!sendState(r.c, REPLY_TYPE_DISCOVER, seq, s, tail)) return false;

@@ -181,10 +181,19 @@ bool Service::fput(Req& r) {
     announced = true;
     sent = r.c.send(REPLY_TYPE_UID_FPUT, nb.data(), static_cast<int>(nb.size())) == 0;
   };
-  auto prepare = [ask](const CommittedState& st, const UpdateId& uid, ProposedUpdate* pu) {
+  // A new name's id was chosen above every id known here; another node may have
+  // given that id to a file since: then take one above the state's.
+  bool isNew = early.fileId == kUnassignedFileId;
+  FileStore* files = &g_.files();
+  auto prepare = [ask, isNew, files](const CommittedState& st, const UpdateId& uid,
+                                     ProposedUpdate* pu) {
     UpdateAsk a = ask;
     a.uid = uid;
     pu->uid = uid;
+    if (isNew && st.fileList.count(a.fileId) != 0) {
+      a.fileId = files->nextId(st);
+      if (a.fileId < 0) return static_cast<int>(ENOSPC);
+    }
     return PrepareFilePut(st, a, pu);
   };
   UpdateId uid = ask.uid;

@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
   sigaddset(&set, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 
-  zeld::Globals g(o, zeld::EngineReplicaFactory());
+  zeld::Globals g(o, zeld::EngineReplicaFactory(o.requestMs, o.crashAt));
   if (g.init() != 0) return 1;
   std::thread([&g, set] {
     int sig = 0;

@@ -7,7 +7,10 @@
 
 namespace zeld {
 
-ReplicaFactory EngineReplicaFactory();
+// requestMs: how long an update or a read waits for a quorum before 819.
+// crashAt: a test build's crash point (ReplicaOptions::crashAt).
+ReplicaFactory EngineReplicaFactory(long long requestMs = 20000,
+                                    const std::string& crashAt = std::string());
 
 }  // namespace zeld
 

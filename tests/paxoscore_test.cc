@@ -106,6 +106,15 @@ struct Rig {
     }
     FAIL() << "no settling: " << core->describe();
   }
+  // Settles and lets time pass until a completion comes out (bounded).
+  void awaitDone(int nodeId) {
+    for (int i = 0; i < 1000 && done.empty(); i++) {
+      settle(nodeId);
+      now = core->nextWake();
+      core->tick(now);
+    }
+    settle(nodeId);
+  }
 };
 
 TEST(PaxosCore, AVoteOfAnEarlierLifeIsNeverErasedAndGetsDecided) {
@@ -231,3 +240,46 @@ TEST(PaxosCore, RepliesOfALeftAttemptAreIgnored) {
 }
 
 }  // namespace
+
+TEST(PaxosCore, ReadBarrierWaitsForAnInputThatMayBeDecided) {
+  // Node 1 voted x=v on a quorum of disks (decided and acknowledged) and stopped
+  // before announcing it. Node 2, idle at that seq, must not answer a read
+  // barrier from the state without x; with no such vote it answers at once.
+  for (bool voted : {false, true}) {
+    Rig rig;
+    Dblock base;
+    base.committed = threeNodes();
+    for (auto& d : rig.disks) d->init(0, base);
+    rig.start(2);
+    rig.settle(2);
+    UpdateId uid(1, 1, 1);
+    if (voted) {
+      Dblock vote = base;
+      vote.mbal = vote.bal = BallotNumber(3, 1);
+      vote.inp = ProposedUpdate(uid, ValueUpdate("x", "v"), 1);
+      std::vector<SlotBlock> out;
+      for (int d = 0; d < 2; d++) ASSERT_EQ(rig.disks[d]->writeRead(1, 0, vote, &out), 0);
+    }
+    uint64_t id = rig.core->barrier(rig.now);
+    rig.awaitDone(2);
+    ASSERT_EQ(rig.done.size(), 1u) << rig.core->describe();
+    EXPECT_EQ(rig.done[0].id, id);
+    EXPECT_EQ(rig.done[0].rc, 0);
+    EXPECT_EQ(rig.done[0].state.includes(uid) != 0, voted);
+  }
+}
+
+TEST(PaxosCore, ReadBarrierWithoutAQuorumEndsWith819) {
+  Rig rig;
+  Dblock base;
+  base.committed = threeNodes();
+  for (auto& d : rig.disks) d->init(0, base);
+  rig.start(2);
+  rig.settle(2);
+  rig.disks[0]->setFailure(5);
+  rig.disks[2]->setFailure(5);
+  rig.core->barrier(rig.now);
+  rig.awaitDone(2);
+  ASSERT_EQ(rig.done.size(), 1u);
+  EXPECT_EQ(rig.done[0].rc, 819);
+}

@@ -160,6 +160,7 @@ bool Cluster::start(int i) {
   if (opt_.bin.empty() || running(i)) return false;
   EnvList env = {{"ZEL_BASE", nodes_[i].dir}};
   if (!opt_.debugLevel.empty()) env.push_back({"ZEL_DEBUG", opt_.debugLevel});
+  env.insert(env.end(), nodes_[i].env.begin(), nodes_[i].env.end());
   nodes_[i].pid =
       spawnLogged({opt_.bin, "-P", std::to_string(port(i))}, env, nodes_[i].dir + "/zeld.log");
   if (nodes_[i].pid < 0) return false;

@@ -62,6 +62,8 @@ class Cluster {
   // killed by one), or -1 when the node was not running.
   int stop(int i);
   void kill9(int i);
+  // Extra environment for node i from its next start (test switches).
+  void setEnv(int i, const EnvList& env) { nodes_[i].env = env; }
   bool restart(int i);
   bool running(int i);
 
@@ -77,6 +79,7 @@ class Cluster {
     std::string dir;
     int port = 0;
     pid_t pid = -1;
+    EnvList env;
   };
   void reap(int i, int* status);
 

@@ -38,6 +38,10 @@ class MemReplica : public zeld::Replica {
     *seq = seq_;
     *state = state_;
   }
+  int barrier(int* seq, CommittedState* state) override {
+    snapshot(seq, state);
+    return 0;
+  }
   std::string describe() const override { return "memory replica"; }
 
   void failNext(int rc) {
@@ -73,11 +77,11 @@ struct MemReplicaFactory {
       (*s)[path] = b;
       return 0;
     };
-    f.open = [s, l](const std::string& path, int, const zeld::AppliedFn& fn,
-                    std::unique_ptr<zeld::Replica>* out) {
+    f.open = [s, l](const std::string& path, int, const zeld::ReplicaHooks& hooks,
+                    std::shared_ptr<zeld::Disk>*, std::unique_ptr<zeld::Replica>* out) {
       auto it = s->find(path);
       if (it == s->end()) return ENOENT;
-      auto* r = new MemReplica(it->second, fn);
+      auto* r = new MemReplica(it->second, hooks.applied);
       *l = r;
       out->reset(r);
       return 0;
