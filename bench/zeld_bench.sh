@@ -15,7 +15,7 @@ KX=$(realpath "$BUILD/kxzel-testinstall")
 T=$(mktemp -d /tmp/zeld-bench.XXXXXX)
 PID=
 cleanup() {
-  [ -n "$PID" ] && { kill -9 "$PID" && wait "$PID"; } 2>/dev/null
+  if [ -n "$PID" ]; then { kill -9 "$PID"; wait "$PID"; } 2>/dev/null || true; fi
   rm -rf "$T"
 }
 trap cleanup EXIT

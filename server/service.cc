@@ -46,10 +46,12 @@ int findSelf(const std::vector<InitNode>& nodes, int port, int* id) {
 GreetingAnswer answerFor(unsigned long long clusterId) {
   GreetingAnswer a;
   a.clusterId = clusterId;
-  a.security = zelSecReady;
-  if (zelSecReady) {
-    a.keyGenNumber = zelGetKeyGenNumber();
-    a.clusterName = zelGetClusterName();
+  // One consistent copy: an "auth" may be replacing the keys meanwhile.
+  const KxSecurity sec = GetKxSecurity();
+  a.security = sec.ready;
+  if (sec.ready) {
+    a.keyGenNumber = sec.keyGenNumber;
+    a.clusterName = sec.clusterName;
   }
   return a;
 }
@@ -88,7 +90,7 @@ void Service::serve(int sock) {
   info.hasPeerClusterName = gr.hasRecord6;
   info.peerVersion = gr.version;
   info.peerClusterId = gr.clusterId;
-  ServerConnection conn(sock, info, peer, zelSecReady ? AuthenticateIncoming : nullptr, o.idleMs,
+  ServerConnection conn(sock, info, peer, ans.security ? AuthenticateIncoming : nullptr, o.idleMs,
                         o.ioMs);
   for (;;) {
     int type = -1, len = 0;
@@ -247,8 +249,9 @@ bool Service::quit(Req& r) {
 }
 
 bool Service::auth(Req& r) {
-  int rc = zelSecReady ? RefreshSecurity()
-                       : InitSecurityAt(SecPathsForKey(g_.paths().keyFile, g_.paths().certFile));
+  int rc = GetKxSecurity().ready
+               ? RefreshSecurity()
+               : InitSecurityAt(SecPathsForKey(g_.paths().keyFile, g_.paths().certFile));
   if (rc != 0) return sendFailed(r.c, rc);
   return r.c.send(MSG_TYPE_OK, nullptr, 0) == 0;
 }
