@@ -107,10 +107,7 @@ uint64_t PaxosCore::barrier(long long now) {
   b.deadline = now + o_.requestMs;
   b.needRead = readsStarted_ + 1;
   if (fault_ != 0 || barriers_.size() >= o_.maxQueue) {
-    Completion c;
-    c.id = b.id;
-    c.rc = fault_ != 0 ? 148 : 819;
-    done_.push_back(std::move(c));
+    emit(b.id, fault_ != 0 ? 148 : 819);
     return b.id;
   }
   barriers_.push_back(b);
@@ -125,25 +122,24 @@ void PaxosCore::releaseBarriers(long long upTo, int rc) {
       barriers_[keep++] = b;
       continue;
     }
-    Completion c;
-    c.id = b.id;
-    c.rc = rc;
-    c.seq = own_.seq;
-    if (rc == 0) c.state = own_.committed;
-    done_.push_back(std::move(c));
+    emit(b.id, rc);
   }
   barriers_.resize(keep);
+}
+
+void PaxosCore::emit(uint64_t id, int rc) {
+  Completion c;
+  c.id = id;
+  c.rc = rc;
+  c.seq = own_.seq;
+  if (rc == 0) c.state = own_.committed;
+  done_.push_back(std::move(c));
 }
 
 void PaxosCore::complete(Request& r, int rc) {
   if (r.answered) return;
   r.answered = true;
-  Completion c;
-  c.id = r.id;
-  c.rc = rc;
-  c.seq = own_.seq;
-  if (rc == 0) c.state = own_.committed;
-  done_.push_back(std::move(c));
+  emit(r.id, rc);
 }
 
 void PaxosCore::finishHead(int rc) {
@@ -430,10 +426,7 @@ void PaxosCore::tick(long long now) {
       i++;
       continue;
     }
-    Completion c;
-    c.id = barriers_[i].id;
-    c.rc = 819;
-    done_.push_back(std::move(c));
+    emit(barriers_[i].id, 819);
     barriers_.erase(barriers_.begin() + static_cast<long>(i));
   }
   switch (phase_) {

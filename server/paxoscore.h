@@ -136,6 +136,7 @@ class PaxosCore {
     long long deadline = 0;
     long long needRead = 0;  // the first quorum read that may release it
   };
+  void emit(uint64_t id, int rc);  // a Completion with the applied state when rc is 0
   void complete(Request& r, int rc);
   void releaseBarriers(long long upTo, int rc);
   void finishHead(int rc);

@@ -106,6 +106,15 @@ struct Rig {
     }
     FAIL() << "no settling: " << core->describe();
   }
+  // Three disks holding a fresh three-node state, nodeId's core idle on them.
+  Dblock idle(int nodeId) {
+    Dblock base;
+    base.committed = threeNodes();
+    for (auto& d : disks) d->init(0, base);
+    start(nodeId);
+    settle(nodeId);
+    return base;
+  }
   // Settles and lets time pass until a completion comes out (bounded).
   void awaitDone(int nodeId) {
     for (int i = 0; i < 1000 && done.empty(); i++) {
@@ -247,11 +256,7 @@ TEST(PaxosCore, ReadBarrierWaitsForAnInputThatMayBeDecided) {
   // barrier from the state without x; with no such vote it answers at once.
   for (bool voted : {false, true}) {
     Rig rig;
-    Dblock base;
-    base.committed = threeNodes();
-    for (auto& d : rig.disks) d->init(0, base);
-    rig.start(2);
-    rig.settle(2);
+    Dblock base = rig.idle(2);
     UpdateId uid(1, 1, 1);
     if (voted) {
       Dblock vote = base;
@@ -271,11 +276,7 @@ TEST(PaxosCore, ReadBarrierWaitsForAnInputThatMayBeDecided) {
 
 TEST(PaxosCore, ReadBarrierWithoutAQuorumEndsWith819) {
   Rig rig;
-  Dblock base;
-  base.committed = threeNodes();
-  for (auto& d : rig.disks) d->init(0, base);
-  rig.start(2);
-  rig.settle(2);
+  rig.idle(2);
   rig.disks[0]->setFailure(5);
   rig.disks[2]->setFailure(5);
   rig.core->barrier(rig.now);

@@ -22,12 +22,6 @@ namespace {
 // Nodes answer 819 this soon without a quorum, so refusals come quickly.
 const EnvList kQuickRefusal = {{"ZEL_TEST_REQUEST_MS", "1500"}};
 
-std::string Pattern(size_t n, int salt) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + salt) ^ (i >> 9));
-  return s;
-}
-
 class ZeldCluster : public ::testing::Test {
  protected:
   void Up(int nodes, int disks, int initNodes = -1, int initDisks = -1) {

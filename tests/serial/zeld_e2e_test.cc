@@ -19,12 +19,6 @@
 
 namespace {
 
-std::string Pattern(size_t n, int salt) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + salt) ^ (i >> 11));
-  return s;
-}
-
 class ZeldE2E : public ::testing::Test {
  protected:
   void SetUp() override {

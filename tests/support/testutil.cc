@@ -44,6 +44,12 @@ void WriteFile(const std::string& path, const std::string& contents) {
   f << contents;
 }
 
+std::string Pattern(size_t n, int salt) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + salt) ^ (i >> 11));
+  return s;
+}
+
 std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   if (!f) return "<missing>";

@@ -33,6 +33,8 @@ bool RemoveTree(const std::string& path);
 void WriteFile(const std::string& path, const std::string& contents);
 // The whole file, or "<missing>" when it cannot be read.
 std::string ReadFile(const std::string& path);
+// n bytes of a pattern that differs with salt and has no short period.
+std::string Pattern(size_t n, int salt);
 bool PathExists(const std::string& path);
 // Names in a directory, sorted, without "." and "..".
 std::vector<std::string> ListDir(const std::string& path);
