@@ -4,6 +4,7 @@
 #ifdef ZELD_TESTINSTALL_BIN
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -214,6 +215,14 @@ TEST_F(ZeldCluster, NodesAndDisksChangeWhileAWriterLoops) {
   r = c_->kxzel({"lsdisks"});
   EXPECT_NE(r.out.find(c_->diskPath(1)), std::string::npos) << r.out;
   EXPECT_EQ(r.out.find(c_->diskPath(0)), std::string::npos) << r.out;
+  // A client that knows one old node learns the new list by discovery.
+  TempDir late;
+  ASSERT_EQ(mkdir(late.file("committed").c_str(), 0755), 0);
+  WriteFile(late.file("zel.nodes"), "1,0,127.0.0.1," + std::to_string(c_->port(0)) + ",n1\n");
+  r = RunCommand({KxzelTestBin(), "refresh"}, {{"ZEL_BASE", late.path()}});
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_NE(ReadFile(late.file("zel.nodes")).find(std::to_string(c_->port(3))), std::string::npos)
+      << ReadFile(late.file("zel.nodes"));
   // The removed node is not needed; the added one serves.
   c_->kill9(2);
   c_->kill9(0);
