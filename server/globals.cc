@@ -245,7 +245,9 @@ int Globals::run() {
   }
   PlatClose(listenFd_);
   listenFd_ = -1;
-  // Wake every connection thread: their reads fail at once and they finish.
+  // Wake every connection thread: their reads fail at once and they finish, and
+  // those waiting on the engine are answered.
+  if (repo_) repo_->stop();
   std::unique_lock<std::mutex> g(connMu_);
   for (int fd : conns_) ::shutdown(fd, SHUT_RDWR);
   bool done = connCv_.wait_for(g, std::chrono::milliseconds(kStopWaitMs),

@@ -97,6 +97,9 @@ class Replica {
   virtual int barrier(int* seq, CommittedState* state) = 0;
   // Engine state for "dump" and "status".
   virtual std::string describe() const = 0;
+  // The process is stopping: waiting and later calls of submit and barrier
+  // answer 819 at once. The engine's threads end with the object.
+  virtual void stop() = 0;
 };
 
 struct ReplicaOptions {

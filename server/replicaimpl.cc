@@ -27,6 +27,7 @@ class EngineReplica : public Replica {
   void snapshot(int* seq, CommittedState* state) const override;
   int barrier(int* seq, CommittedState* state) override;
   std::string describe() const override;
+  void stop() override;
 
  private:
   struct Worker {
@@ -230,6 +231,15 @@ int EngineReplica::open() {
   while (!core_.settled() && PlatNowMs() < until)
     doneCv_.wait_for(lock, std::chrono::milliseconds(20));
   return 0;
+}
+
+void EngineReplica::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stop_ = true;
+  }
+  cv_.notify_all();
+  doneCv_.notify_all();
 }
 
 EngineReplica::~EngineReplica() {

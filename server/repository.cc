@@ -1,6 +1,7 @@
 #include "server/repository.h"
 
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <sstream>
 
@@ -39,13 +40,19 @@ Repository::Repository(const RepoPaths& paths, const ReplicaFactory& factory, Fi
     : paths_(paths), factory_(factory), files_(files), uids_(uids), faults_(faults) {}
 
 Repository::~Repository() {
+  stop();
+  if (fetcher_.joinable()) fetcher_.join();
+  replica_.reset();
+}
+
+void Repository::stop() {
   {
     std::lock_guard<std::mutex> g(fetchMu_);
     fetchStop_ = true;
+    if (fetchSock_ >= 0) ::shutdown(fetchSock_, SHUT_RDWR);
   }
   fetchCv_.notify_all();
-  if (fetcher_.joinable()) fetcher_.join();
-  replica_.reset();
+  if (ready_) replica_->stop();
 }
 
 int Repository::openReplica(bool settle) {
@@ -375,6 +382,14 @@ bool Repository::fetchMissing() {
     CommAddr addr;
     Connection* c = nullptr;
     if (peers_.addressOf(n.id, &addr) != 0 || connectTo(addr, &c, kFetchConnectMs) != 0) continue;
+    {
+      std::lock_guard<std::mutex> g(fetchMu_);
+      if (fetchStop_) {
+        delete c;
+        return false;
+      }
+      fetchSock_ = c->getSock();
+    }
     c->setTimeouts(kFetchIoMs, kFetchIoMs);
     // The names: the state holds ids only.
     int rtype = 0;
@@ -428,6 +443,10 @@ bool Repository::fetchMissing() {
       }
       if (rc != 0) left.push_back({id, fv});
       if (c->isBroken()) break;
+    }
+    {
+      std::lock_guard<std::mutex> g(fetchMu_);
+      fetchSock_ = -1;
     }
     delete c;
     missing.swap(left);

@@ -81,6 +81,9 @@ class Repository {
   // The state a linearizable read answers from (see Replica::barrier).
   int barrier(int* seq, CommittedState* s);
   std::string describe() const;
+  // The server is stopping: requests waiting on the engine end (819) and the
+  // file fetcher leaves at once.
+  void stop();
 
   // This node's block store as the other nodes reach it, and what it needs to
   // take a block whose input is a file; null before init.
@@ -146,6 +149,7 @@ class Repository {
   std::condition_variable fetchCv_;
   bool fetchStop_ = false;
   bool fetchWanted_ = false;
+  int fetchSock_ = -1;  // the fetcher's connection, shut down by stop (under fetchMu_)
   std::thread fetcher_;
 };
 

@@ -43,6 +43,7 @@ class MemReplica : public zeld::Replica {
     return 0;
   }
   std::string describe() const override { return "memory replica"; }
+  void stop() override {}
 
   void failNext(int rc) {
     std::lock_guard<std::mutex> g(mu_);
