@@ -55,8 +55,7 @@ void Repository::stop() {
   if (ready_) replica_->stop();
 }
 
-int Repository::openReplica(bool settle) {
-  (void)settle;
+int Repository::openReplica() {
   ReplicaHooks hooks;
   hooks.applied = [this](int seq, const CommittedState& s, const ProposedUpdate& inp) {
     applied(seq, s, inp);
@@ -122,13 +121,11 @@ int Repository::start() {
   // The committed lists, newer than those of "init" when the cluster changed.
   peers_.addNodesFile(paths_.nodes);
   int disksId = files_->lookup(kDisksFileName);
-  int seq = 0;
-  (void)seq;
   if (disksId > 0) {
     std::string path = files_->latestPath(disksId);
     if (!path.empty()) peers_.addDisksFile(path);
   }
-  return openReplica(true);
+  return openReplica();
 }
 
 int Repository::initialize(const InitRequest& req, int selfId) {
@@ -153,7 +150,7 @@ int Repository::initialize(const InitRequest& req, int selfId) {
   clusterId_ = req.clusterId;
   peers_.addNodes(req.nodes);
   peers_.addDisks(req.disks);
-  return openReplica(false);
+  return openReplica();
 }
 
 int Repository::snapshot(int* seq, CommittedState* s) const {
@@ -376,7 +373,6 @@ bool Repository::fetchMissing() {
     if (!files_->holds(id, fv)) missing.push_back({id, fv});
   if (missing.empty()) return true;
   trace(3, "%d file(s) of seq %d missing here; fetching", static_cast<int>(missing.size()), seq);
-  bool all = true;
   for (const NodeDescriptor& n : s.config.nodes) {
     if (n.id == nodeId_ || missing.empty()) continue;
     CommAddr addr;
@@ -451,8 +447,7 @@ bool Repository::fetchMissing() {
     delete c;
     missing.swap(left);
   }
-  all = missing.empty();
-  return all;
+  return missing.empty();
 }
 
 int Repository::propose(UpdateId* uid, bool fresh, const Announce& announce, const Prepare& prepare,

@@ -110,7 +110,7 @@ class Repository {
  private:
   void applied(int seq, const CommittedState& s, const ProposedUpdate& inp);
   void caughtUp(int seq, const CommittedState& s);
-  int openReplica(bool settle);
+  int openReplica();
   DiskSet disksFor(const CommittedState& s, const std::shared_ptr<Disk>& own);
   // Where this node keeps the content of a file update: staged or committed.
   int fileSource(const ProposedUpdate& u, std::string* path);

@@ -54,6 +54,10 @@ class Service {
   // every update request but fput.
   bool decide(Req& r, UpdateAsk& ask,
               int (*prep)(const CommittedState&, const UpdateAsk&, ProposedUpdate*));
+  // After propose: reads the client's "ok" to an announced id, then sends the
+  // refusal or the state (or loses the reply, test switch). False to close.
+  bool finishUpdate(Req& r, int rc, bool announced, bool sent, const UpdateId& uid, int seq,
+                    const CommittedState& s);
   // Sends the refusal in the form the client acts on: "failed" for 804..807 and
   // before init, "seq_commit_error" with the current state otherwise.
   bool refuse(ServerConnection& c, int err);

@@ -33,6 +33,25 @@ std::string uidBody(const UpdateId& uid) {
 
 }  // namespace
 
+bool Service::finishUpdate(Req& r, int rc, bool announced, bool sent, const UpdateId& uid, int seq,
+                           const CommittedState& s) {
+  if (!sent) return false;
+  if (announced) {
+    // The client's "ok" to the id it was given, read after the decision.
+    int type = -1, len = 0;
+    char* body = nullptr;
+    int rrc = r.c.receive(&type, &body, &len);
+    delete[] body;
+    if (rrc != 0 || type != MSG_TYPE_OK) return false;
+  }
+  if (rc != 0) return refuse(r.c, rc);
+  if (g_.loseReply()) {
+    fprintf(stderr, "zeld: test switch: losing the reply to %s\n", uid.toString().c_str());
+    return false;
+  }
+  return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+}
+
 bool Service::update(Req& r) {
   UpdateAsk ask;
   int size = 0;
@@ -73,20 +92,7 @@ bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
   };
   UpdateId uid = ask.uid;
   rc = g_.repo().propose(&uid, false, announce, prepare, std::string(), &seq, &s);
-  if (!sent) return false;
-  if (announced) {
-    int type = -1, len = 0;
-    char* body = nullptr;
-    int rrc = r.c.receive(&type, &body, &len);
-    delete[] body;
-    if (rrc != 0 || type != MSG_TYPE_OK) return false;
-  }
-  if (rc != 0) return refuse(r.c, rc);
-  if (g_.loseReply()) {
-    fprintf(stderr, "zeld: test switch: losing the reply to %s\n", uid.toString().c_str());
-    return false;
-  }
-  return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+  return finishUpdate(r, rc, announced, sent, uid, seq, s);
 }
 
 bool Service::fput(Req& r) {
@@ -200,19 +206,7 @@ bool Service::fput(Req& r) {
   rc = g_.repo().propose(&uid, fresh, announce, prepare, staging, &seq, &s);
   // Undecided (819) is not refused: the engine may still decide it and link the file.
   if (rc != 0 && rc != E_TRY_OTHERS) PlatUnlink(staging.c_str());
-  if (!sent) return false;
-  if (announced) {
-    body = nullptr;
-    int rrc = r.c.receive(&type, &body, &len);
-    delete[] body;
-    if (rrc != 0 || type != MSG_TYPE_OK) return false;
-  }
-  if (rc != 0) return refuse(r.c, rc);
-  if (g_.loseReply()) {
-    fprintf(stderr, "zeld: test switch: losing the reply to %s\n", uid.toString().c_str());
-    return false;
-  }
-  return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
+  return finishUpdate(r, rc, announced, sent, uid, seq, s);
 }
 
 }  // namespace zeld
