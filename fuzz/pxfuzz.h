@@ -12,7 +12,7 @@
 #include "zel/pxwire.h"
 
 // An input of type 0 is written as absent, so it cannot survive a round trip.
-inline void PxNormalize(Dblock* b) {
+inline void PxNormalize(SharedBlock* b) {
   if (b->inp.type == ProposedUpdate::noUpdate) b->inp.reset();
 }
 

@@ -13,7 +13,8 @@ namespace zeld {
 // 0, 22 for a slot out of range, kErrNotOwner or kErrStaleWrite. held has
 // kDiskSlots entries. The latest configuration is that of the highest-seq block
 // among held and b (held on a tie); one that gives no node a slot lets anyone write.
-int CheckBlockWrite(const std::vector<SlotBlock>& held, int writerId, int slot, const Dblock& b);
+int CheckBlockWrite(const std::vector<SlotBlock>& held, int writerId, int slot,
+                    const SharedBlock& b);
 
 }  // namespace zeld
 

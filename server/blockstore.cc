@@ -26,7 +26,7 @@ int BlockStore::Open(const std::string& path, std::shared_ptr<BlockStore>* out) 
   return 0;
 }
 
-int BlockStore::Init(const std::string& path, int slot, const Dblock& b) {
+int BlockStore::Init(const std::string& path, int slot, const SharedBlock& b) {
   if (slot < 0 || slot >= kDiskSlots) return 22;
   int fd = -1;
   int rc = PlatOpen(path.c_str(), O_RDWR | O_CREAT, 0600, &fd);
@@ -110,7 +110,7 @@ int BlockStore::readAll(std::vector<SlotBlock>* out) {
   return 0;
 }
 
-int BlockStore::writeSlot(int writerId, int slot, const Dblock& b) {
+int BlockStore::writeSlot(int writerId, int slot, const SharedBlock& b) {
   SlotBlock cur;
   int newest;
   unsigned long long gen;
@@ -120,14 +120,24 @@ int BlockStore::writeSlot(int writerId, int slot, const Dblock& b) {
   std::string buf;
   rc = EncodeSlotCopy(b, gen + 1, writerId, &buf);
   if (rc != 0) return rc;
-  cache_[slot][target].valid = false;
+  CopyCache& c = cache_[slot][target];
+  c.valid = false;
   rc = PlatPwrite(fd_, buf.data(), buf.size(), regionOffset(slot, target));
   if (rc == 0) rc = PlatFsync(fd_);
-  if (rc != 0) trace(1, "block store %s: write of slot %d failed (%d)", path_.c_str(), slot, rc);
-  return rc;
+  if (rc != 0) {
+    trace(1, "block store %s: write of slot %d failed (%d)", path_.c_str(), slot, rc);
+    return rc;
+  }
+  // What was just written need not be read back and decoded.
+  if (DecodeSlotHeader(buf.data(), buf.size(), &c.hdr) == 0) {
+    c.block = b;
+    c.valid = true;
+  }
+  return 0;
 }
 
-int BlockStore::writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) {
+int BlockStore::writeRead(int writerId, int slot, const SharedBlock& b,
+                          std::vector<SlotBlock>* out) {
   std::lock_guard<std::mutex> lock(mu_);
   int rc = readAll(out);
   if (rc != 0) return rc;

@@ -24,10 +24,10 @@ class BlockStore : public Disk {
   static int Open(const std::string& path, std::shared_ptr<BlockStore>* out);
   // Creates the file, or empties an existing one, writes b into slot, and syncs
   // the file and its directory. For "init" (own store) and "pxinit" (disks).
-  static int Init(const std::string& path, int slot, const Dblock& b);
+  static int Init(const std::string& path, int slot, const SharedBlock& b);
   ~BlockStore() override;
 
-  int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) override;
+  int writeRead(int writerId, int slot, const SharedBlock& b, std::vector<SlotBlock>* out) override;
   int read(std::vector<SlotBlock>* out) override;
   std::string label() const override { return path_; }
 
@@ -35,14 +35,14 @@ class BlockStore : public Disk {
   struct CopyCache {
     bool valid = false;
     SlotHeader hdr;
-    Dblock block;
+    SharedBlock block;
   };
   BlockStore(const std::string& path, int fd) : path_(path), fd_(fd) {}
   int readAll(std::vector<SlotBlock>* out);
   // Reads slot's two headers and its newest valid copy; *newest is its index or -1.
   int readSlot(int slot, SlotBlock* out, int* newest, unsigned long long* maxGen);
   int readCopy(int slot, int copy, SlotHeader* hdr, bool* valid);
-  int writeSlot(int writerId, int slot, const Dblock& b);
+  int writeSlot(int writerId, int slot, const SharedBlock& b);
 
   std::string path_;
   int fd_;

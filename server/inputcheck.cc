@@ -84,7 +84,7 @@ int CheckInput(const CommittedState& state, const ProposedUpdate& u, const char*
   return 0;
 }
 
-bool BlockEncodable(const Dblock& b) {
+bool BlockEncodable(const SharedBlock& b) {
   if (b.seq < 0 || b.mbal.first < 0 || b.mbal.second < 0 || b.bal.first < 0 || b.bal.second < 0 ||
       b.leaderChallengeVersion < 0)
     return false;

@@ -4,7 +4,7 @@
 #ifndef SERVER_INPUTCHECK_H
 #define SERVER_INPUTCHECK_H
 
-#include "zel/paxosdata.h"
+#include "zel/sharedblock.h"
 
 namespace zeld {
 
@@ -13,7 +13,7 @@ namespace zeld {
 int CheckInput(const CommittedState& state, const ProposedUpdate& u, const char** why);
 // Whether the block's own fields and input encode (no negative quantities); its
 // committed state is trusted, having come from a decoder or from checked inputs.
-bool BlockEncodable(const Dblock& b);
+bool BlockEncodable(const SharedBlock& b);
 
 }  // namespace zeld
 

@@ -15,7 +15,7 @@ constexpr long long kNever = 1LL << 62;
 // proposer is usually about to announce the decision.
 constexpr long long kBarrierRepollMs = 10;
 
-bool hasInp(const Dblock& b) {
+bool hasInp(const SharedBlock& b) {
   return b.inp.type != ProposedUpdate::noUpdate;
 }
 
@@ -52,7 +52,7 @@ bool IsQuorum(const DiskShape& s, const std::vector<char>& ok) {
 PaxosCore::PaxosCore(const Options& o) : o_(o), rng_(o.seed) {}
 
 int PaxosCore::start(const std::vector<SlotBlock>& own, long long now) {
-  const Dblock* base = nullptr;
+  const SharedBlock* base = nullptr;
   for (const SlotBlock& s : own)
     if (s.present && BlockEncodable(s.block) && (base == nullptr || s.block.seq > base->seq))
       base = &s.block;
@@ -60,8 +60,8 @@ int PaxosCore::start(const std::vector<SlotBlock>& own, long long now) {
   own_.reset(base->seq, base->committed);
   enterSeq(now);
   if (mySlot_ >= 0 && mySlot_ < static_cast<int>(own.size()) && own[mySlot_].present) {
-    const Dblock& mine = own[mySlot_].block;
-    if (mine.seq == own_.seq && mine.committed == own_.committed) {
+    const SharedBlock& mine = own[mySlot_].block;
+    if (mine.seq == own_.seq && SameState(mine.committed, own_.committed)) {
       own_.mbal = mine.mbal;
       if (hasInp(mine) && mine.bal != BallotNumber()) {
         own_.bal = mine.bal;
@@ -77,9 +77,9 @@ int PaxosCore::start(const std::vector<SlotBlock>& own, long long now) {
 void PaxosCore::enterSeq(long long now) {
   (void)now;
   mySlot_ = -1;
-  for (const NodeDescriptor& n : own_.committed.config.nodes)
+  for (const NodeDescriptor& n : own_.committed->config.nodes)
     if (n.id == o_.nodeId && n.slot >= 0 && n.slot < kDiskSlots) mySlot_ = n.slot;
-  shape_ = o_.shape ? o_.shape(own_.committed) : DiskShape();
+  shape_ = o_.shape ? o_.shape(*own_.committed) : DiskShape();
   maxRound_ = 0;
   pendingSeenSeq_ = -1;
   diskSeq_.assign(shape_.size(), -1);
@@ -151,7 +151,7 @@ void PaxosCore::finishHead(int rc) {
 bool PaxosCore::headDone() {
   if (queue_.empty()) return false;
   Request& h = queue_.front();
-  if (h.preparedSeq < 0 || h.u.uid.isNull() || own_.committed.includes(h.u.uid) == 0) return false;
+  if (h.preparedSeq < 0 || h.u.uid.isNull() || own_.committed->includes(h.u.uid) == 0) return false;
   finishHead(0);
   return true;
 }
@@ -196,20 +196,20 @@ void PaxosCore::startAttempt(Phase p, long long now) {
 void PaxosCore::examine(const std::vector<SlotBlock>& slots, int disk) {
   for (int i = 0; i < static_cast<int>(slots.size()) && i < kDiskSlots; i++) {
     if (!slots[i].present) continue;
-    const Dblock& b = slots[i].block;
+    const SharedBlock& b = slots[i].block;
     diskSeq_[disk] = std::max(diskSeq_[disk], b.seq);
     if (b.seq > own_.seq) {
       if (b.seq > catchSeq_) {
         catchSeq_ = b.seq;
         catchState_ = b.committed;
-      } else if (b.seq == catchSeq_ && !(b.committed == catchState_)) {
+      } else if (b.seq == catchSeq_ && !SameState(b.committed, catchState_)) {
         fault_ = 148;
         faultWhy_ = "two blocks of one seq hold different states";
       }
       continue;
     }
     if (b.seq < own_.seq) continue;
-    if (!(b.committed == own_.committed)) {
+    if (!SameState(b.committed, own_.committed)) {
       fault_ = 148;
       faultWhy_ = "a block of this seq holds another state";
       continue;
@@ -306,7 +306,7 @@ void PaxosCore::advance(long long now) {
 
 void PaxosCore::decide(long long now) {
   const char* why = "";
-  if (CheckInput(own_.committed, value_, &why) != 0) {
+  if (CheckInput(*own_.committed, value_, &why) != 0) {
     std::string msg = std::string("decided input cannot be applied: ") + why;
     return setFault(msg.c_str(), now);
   }
@@ -381,10 +381,10 @@ void PaxosCore::maybeStart(long long now) {
     }
     if (h.preparedSeq != own_.seq) {
       ProposedUpdate u;
-      int rc = h.prepare ? h.prepare(own_.committed, &u) : 22;
+      int rc = h.prepare ? h.prepare(*own_.committed, &u) : 22;
       h.u = u;
       h.preparedSeq = own_.seq;
-      if (!u.uid.isNull() && own_.committed.includes(u.uid) != 0) {
+      if (!u.uid.isNull() && own_.committed->includes(u.uid) != 0) {
         finishHead(0);
         continue;
       }
@@ -393,12 +393,13 @@ void PaxosCore::maybeStart(long long now) {
         continue;
       }
       const char* why = "";
-      if (CheckInput(own_.committed, u, &why) != 0) {
+      if (CheckInput(*own_.committed, u, &why) != 0) {
         trace(1, "node %d: prepared update refused: %s", o_.nodeId, why);
         finishHead(22);
         continue;
       }
-      long long size = own_.committed.getSize() + 2LL * u.getSize() + 256;
+      long long size =
+          static_cast<long long>(EncodedState(own_.committed)->size()) + 2LL * u.getSize() + 256;
       if (size > kMaxBlockBytes) {
         finishHead(34);
         continue;

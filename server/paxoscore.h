@@ -36,7 +36,7 @@ struct DiskOp {
   int seq = 0;  // the instance whose disk set disk indexes
   bool write = false;
   int slot = -1;
-  Dblock block;
+  SharedBlock block;
 };
 
 struct DiskReply {
@@ -50,13 +50,13 @@ struct Completion {
   uint64_t id = 0;
   int rc = 0;
   int seq = 0;
-  CommittedState state;
+  StateRef state;
 };
 
 // An applied instance (inp decided at seq - 1), or a jump to seq (caughtUp).
 struct AppliedEvent {
   int seq = 0;
-  CommittedState state;
+  StateRef state;
   ProposedUpdate inp;
   bool caughtUp = false;
 };
@@ -103,8 +103,8 @@ class PaxosCore {
   // Started, and no ballot of its own running (for waiting on recovery).
   bool settled() const;
   int appliedSeq() const { return own_.seq; }
-  const CommittedState& appliedState() const { return own_.committed; }
-  const Dblock& block() const { return own_; }
+  const StateRef& appliedState() const { return own_.committed; }
+  const SharedBlock& block() const { return own_; }
   int fault() const { return fault_; }
   size_t queued() const { return queue_.size(); }
   // "" or what is broken: bal zero exactly when inp is empty; seq never goes down.
@@ -144,7 +144,7 @@ class PaxosCore {
   long long idlePollMs() const;
 
   Options o_;
-  Dblock own_;
+  SharedBlock own_;
   int mySlot_ = -1;
   DiskShape shape_;
   Phase phase_ = kStarting;
@@ -162,7 +162,7 @@ class PaxosCore {
   BallotNumber bestBal_;
   ProposedUpdate bestInp_;
   int catchSeq_ = -1;
-  CommittedState catchState_;
+  StateRef catchState_;
   bool abort_ = false;
   ProposedUpdate value_;
   int fault_ = 0;

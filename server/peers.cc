@@ -81,7 +81,7 @@ int TiebreakerDisk::open() {
   return 0;
 }
 
-int TiebreakerDisk::writeRead(int writerId, int slot, const Dblock& b,
+int TiebreakerDisk::writeRead(int writerId, int slot, const SharedBlock& b,
                               std::vector<SlotBlock>* out) {
   std::lock_guard<std::mutex> g(mu_);
   out->clear();

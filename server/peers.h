@@ -50,7 +50,7 @@ class TiebreakerDisk : public Disk {
  public:
   using LabelFn = std::function<std::string()>;
   explicit TiebreakerDisk(LabelFn label) : labelFn_(std::move(label)) {}
-  int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) override;
+  int writeRead(int writerId, int slot, const SharedBlock& b, std::vector<SlotBlock>* out) override;
   int read(std::vector<SlotBlock>* out) override;
   std::string label() const override;
 

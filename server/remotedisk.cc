@@ -58,7 +58,8 @@ int RemoteDisk::read(std::vector<SlotBlock>* out) {
   return exchange(MSG_TYPE_PXREAD, PxEncode(PxReadRequest{selfId_}), nullptr, out);
 }
 
-int RemoteDisk::writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) {
+int RemoteDisk::writeRead(int writerId, int slot, const SharedBlock& b,
+                          std::vector<SlotBlock>* out) {
   out->clear();
   if (slot < 0 || slot >= kPxSlots || writerId < 0) return E_INVAL;
   PxWriteRequest w;

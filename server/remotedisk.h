@@ -39,7 +39,7 @@ class RemoteDisk : public Disk {
       : RemoteDisk(selfId, peerId, addr, std::move(files), Options()) {}
   ~RemoteDisk() override;
 
-  int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) override;
+  int writeRead(int writerId, int slot, const SharedBlock& b, std::vector<SlotBlock>* out) override;
   int read(std::vector<SlotBlock>* out) override;
   std::string label() const override { return "node " + std::to_string(peerId_); }
 

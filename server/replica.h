@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "zel/paxosdata.h"
+#include "zel/sharedblock.h"
 
 namespace zeld {
 
@@ -30,7 +30,7 @@ constexpr int kErrStaleWrite = 116;  // ESTALE
 // torn or fail their checksum (never read as data).
 struct SlotBlock {
   bool present = false;
-  Dblock block;
+  SharedBlock block;
 };
 
 // A disk of Disk Paxos: kDiskSlots slots of one Dblock each. Implementations:
@@ -46,7 +46,8 @@ class Disk {
   // the latest configuration the store holds (or b brings), kErrStaleWrite when
   // b is older than the slot's block; a refusal still fills *out. Rewriting the
   // block a slot holds is a success. One call is one round trip for a remote disk.
-  virtual int writeRead(int writerId, int slot, const Dblock& b, std::vector<SlotBlock>* out) = 0;
+  virtual int writeRead(int writerId, int slot, const SharedBlock& b,
+                        std::vector<SlotBlock>* out) = 0;
   virtual int read(std::vector<SlotBlock>* out) = 0;
   // For traces and dump: "node 2", "/path/disk0".
   virtual std::string label() const = 0;
@@ -87,14 +88,14 @@ class Replica {
   // the prepare refusal; 819 when no quorum answers within the bound (well under
   // the client's 120 s); 148 when blocks disagree on a committed state.
   // An update whose uid the state already includes returns 0 at once.
-  virtual int submit(const PrepareFn& prepare, int* seq, CommittedState* state) = 0;
+  virtual int submit(const PrepareFn& prepare, int* seq, StateRef* state) = 0;
   // The latest applied state (a read: no agreement round).
-  virtual void snapshot(int* seq, CommittedState* state) const = 0;
+  virtual void snapshot(int* seq, StateRef* state) const = 0;
   // The applied state once a quorum read begun after the call shows nothing
   // decided beyond it: what a linearizable read answers from. 0, 819 without a
   // quorum within the bound, 148 on a fault. Alone in its configuration (one
   // node store, no tiebreakers) the node's own state is that state already.
-  virtual int barrier(int* seq, CommittedState* state) = 0;
+  virtual int barrier(int* seq, StateRef* state) = 0;
   // Engine state for "dump" and "status".
   virtual std::string describe() const = 0;
   // The process is stopping: waiting and later calls of submit and barrier

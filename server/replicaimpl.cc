@@ -23,9 +23,9 @@ class EngineReplica : public Replica {
   explicit EngineReplica(const ReplicaOptions& o);
   ~EngineReplica() override;
   int open();
-  int submit(const PrepareFn& prepare, int* seq, CommittedState* state) override;
-  void snapshot(int* seq, CommittedState* state) const override;
-  int barrier(int* seq, CommittedState* state) override;
+  int submit(const PrepareFn& prepare, int* seq, StateRef* state) override;
+  void snapshot(int* seq, StateRef* state) const override;
+  int barrier(int* seq, StateRef* state) override;
   std::string describe() const override;
   void stop() override;
 
@@ -42,7 +42,7 @@ class EngineReplica : public Replica {
   void driverLoop();
   void workerLoop(Worker* w);
   void publish(std::unique_lock<std::mutex>& lock);
-  int await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq, CommittedState* state);
+  int await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq, StateRef* state);
 
   ReplicaOptions o_;
   mutable std::mutex mu_;
@@ -62,7 +62,7 @@ class EngineReplica : public Replica {
   std::thread driver_;
   mutable std::mutex snapMu_;
   int snapSeq_ = 0;
-  CommittedState snapState_;
+  StateRef snapState_ = EmptyState();
 };
 
 PaxosCore::Options coreOptions(const ReplicaOptions& o) {
@@ -179,8 +179,8 @@ void EngineReplica::publish(std::unique_lock<std::mutex>& lock) {
   if (applied.empty() && done.empty()) return;
   lock.unlock();
   for (const AppliedEvent& e : applied) {
-    if (e.caughtUp && o_.caughtUp) o_.caughtUp(e.seq, e.state);
-    if (!e.caughtUp && o_.applied) o_.applied(e.seq, e.state, e.inp);
+    if (e.caughtUp && o_.caughtUp) o_.caughtUp(e.seq, *e.state);
+    if (!e.caughtUp && o_.applied) o_.applied(e.seq, *e.state, e.inp);
     std::lock_guard<std::mutex> g(snapMu_);
     snapSeq_ = e.seq;
     snapState_ = e.state;
@@ -257,13 +257,13 @@ EngineReplica::~EngineReplica() {
     if (w->t.joinable()) w->t.join();
 }
 
-int EngineReplica::submit(const PrepareFn& prepare, int* seq, CommittedState* state) {
+int EngineReplica::submit(const PrepareFn& prepare, int* seq, StateRef* state) {
   std::unique_lock<std::mutex> lock(mu_);
   uint64_t id = core_.submit(prepare, PlatNowMs());
   return await(lock, id, seq, state);
 }
 
-int EngineReplica::barrier(int* seq, CommittedState* state) {
+int EngineReplica::barrier(int* seq, StateRef* state) {
   std::unique_lock<std::mutex> lock(mu_);
   // Alone, past the recovery of its own last vote, and with every decided
   // instance applied (callbacks done): its state is the truth.
@@ -281,7 +281,7 @@ int EngineReplica::barrier(int* seq, CommittedState* state) {
 }
 
 int EngineReplica::await(std::unique_lock<std::mutex>& lock, uint64_t id, int* seq,
-                         CommittedState* state) {
+                         StateRef* state) {
   dispatch(core_.takeOps());
   cv_.notify_all();
   doneCv_.wait(lock, [&] { return results_.count(id) != 0 || stop_; });
@@ -296,7 +296,7 @@ int EngineReplica::await(std::unique_lock<std::mutex>& lock, uint64_t id, int* s
   return rc;
 }
 
-void EngineReplica::snapshot(int* seq, CommittedState* state) const {
+void EngineReplica::snapshot(int* seq, StateRef* state) const {
   std::lock_guard<std::mutex> g(snapMu_);
   if (seq != nullptr) *seq = snapSeq_;
   if (state != nullptr) *state = snapState_;

@@ -78,9 +78,9 @@ int Repository::openReplica() {
     return rc;
   }
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   r->snapshot(&seq, &s);
-  rc = uids_->open(nodeId_, s);
+  rc = uids_->open(nodeId_, *s);
   if (rc != 0) {
     trace(0, "update id epochs cannot be reserved (err %d)", rc);
     return rc;
@@ -88,7 +88,7 @@ int Repository::openReplica() {
   // Staging files of the last life: those the state names are linked now; the
   // rest wait until a quorum read has shown what was decided (an input voted
   // before a crash is decided again after it), then go.
-  rc = files_->reconcile(s, startupStaging_, false);
+  rc = files_->reconcile(*s, startupStaging_, false);
   if (rc != 0) trace(1, "linking staged files at start-up failed (err %d)", rc);
   store_ = store;
   replica_ = std::move(r);
@@ -153,13 +153,13 @@ int Repository::initialize(const InitRequest& req, int selfId) {
   return openReplica();
 }
 
-int Repository::snapshot(int* seq, CommittedState* s) const {
+int Repository::snapshot(int* seq, StateRef* s) const {
   if (!ready_) return E_NOT_SERVER;
   replica_->snapshot(seq, s);
   return 0;
 }
 
-int Repository::barrier(int* seq, CommittedState* s) {
+int Repository::barrier(int* seq, StateRef* s) {
   if (!ready_) return E_NOT_SERVER;
   return replica_->barrier(seq, s);
 }
@@ -172,10 +172,10 @@ std::string Repository::describe() const {
   if (!ready_) return "not initialised\n";
   std::ostringstream os;
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   replica_->snapshot(&seq, &s);
   os << "node " << nodeId_ << " cluster " << clusterId_ << " seq " << seq << "\n"
-     << s.toShortString() << "\n"
+     << s->toShortString() << "\n"
      << replica_->describe() << peers_.describe();
   return os.str();
 }
@@ -318,10 +318,10 @@ void Repository::fetchLoop() {
     if (names.empty() || fetchStop_) break;
     lock.unlock();
     int seq = 0;
-    CommittedState s;
+    StateRef s;
     int rc = replica_->barrier(&seq, &s);
     if (rc == 0) {
-      files_->reconcile(s, names, true);
+      files_->reconcile(*s, names, true);
       std::lock_guard<std::mutex> g(stagingMu_);
       startupStaging_.clear();
     }
@@ -366,8 +366,9 @@ int ask(Connection* c, int type, const std::string& body, int* rtype, std::strin
 // One pass over the files the applied state names: true when every one is here.
 bool Repository::fetchMissing() {
   int seq = 0;
-  CommittedState s;
-  replica_->snapshot(&seq, &s);
+  StateRef sp;
+  replica_->snapshot(&seq, &sp);
+  const CommittedState& s = *sp;
   std::vector<std::pair<int, FileVersion>> missing;
   for (const auto& [id, fv] : s.fileList)
     if (!files_->holds(id, fv)) missing.push_back({id, fv});
@@ -451,7 +452,7 @@ bool Repository::fetchMissing() {
 }
 
 int Repository::propose(UpdateId* uid, bool fresh, const Announce& announce, const Prepare& prepare,
-                        const std::string& staging, int* seq, CommittedState* state) {
+                        const std::string& staging, int* seq, StateRef* state) {
   if (!ready_) return E_NOT_SERVER;
   std::lock_guard<std::mutex> g(proposeMu_);
   bool issued = false;
@@ -462,9 +463,9 @@ int Repository::propose(UpdateId* uid, bool fresh, const Announce& announce, con
     announce(*uid);
   } else if (fresh) {
     int s0 = 0;
-    CommittedState now;
+    StateRef now;
     replica_->snapshot(&s0, &now);
-    if (now.includes(*uid) != 0) {
+    if (now->includes(*uid) != 0) {
       trace(2, "update id %s fell behind the update horizon; issuing another",
             uid->toString().c_str());
       int rc = uids_->newStream(uid);

@@ -77,9 +77,9 @@ class Repository {
   int initialize(const InitRequest& req, int selfId);
 
   // The applied state; E_NOT_SERVER before init.
-  int snapshot(int* seq, CommittedState* s) const;
+  int snapshot(int* seq, StateRef* s) const;
   // The state a linearizable read answers from (see Replica::barrier).
-  int barrier(int* seq, CommittedState* s);
+  int barrier(int* seq, StateRef* s);
   std::string describe() const;
   // The server is stopping: requests waiting on the engine end (819) and the
   // file fetcher leaves at once.
@@ -105,7 +105,7 @@ class Repository {
   using Announce = std::function<void(const UpdateId& uid)>;
   using Prepare = std::function<int(const CommittedState&, const UpdateId&, ProposedUpdate*)>;
   int propose(UpdateId* uid, bool fresh, const Announce& announce, const Prepare& prepare,
-              const std::string& staging, int* seq, CommittedState* state);
+              const std::string& staging, int* seq, StateRef* state);
 
  private:
   void applied(int seq, const CommittedState& s, const ProposedUpdate& inp);

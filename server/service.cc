@@ -167,16 +167,11 @@ bool Service::sendFailed(ServerConnection& c, int err) {
   return c.send(MSG_TYPE_FAILED, b.data(), static_cast<int>(b.size())) == 0;
 }
 
-std::string StateBody(int seq, const CommittedState& s) {
-  std::string b = varUInt(seq, 0);
-  size_t at = b.size();
-  b.resize(at + static_cast<size_t>(s.getSize()));
-  char* e = s.dump(&b[at]);
-  ZASSERT(e == b.data() + b.size());
-  return b;
+std::string StateBody(int seq, const StateRef& s) {
+  return varUInt(seq, 0) + *EncodedState(s);
 }
 
-bool Service::sendState(ServerConnection& c, int type, int seq, const CommittedState& s,
+bool Service::sendState(ServerConnection& c, int type, int seq, const StateRef& s,
                         const std::string& tail) {
   std::string b = StateBody(seq, s) + tail;
   return c.send(type, b.data(), static_cast<int>(b.size())) == 0;
@@ -185,7 +180,7 @@ bool Service::sendState(ServerConnection& c, int type, int seq, const CommittedS
 bool Service::refuse(ServerConnection& c, int err) {
   trace(3, "refusing a request from %s with %d", c.getPeer().toString().c_str(), err);
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   if ((err >= E_ZEL_NOT_FOUND && err <= E_ZEL_INVALID_VERSION) ||
       g_.repo().snapshot(&seq, &s) != 0) {
     return sendFailed(c, err);

@@ -9,14 +9,14 @@
 
 #include "server/rules.h"
 #include "zel/kxserve.h"
-#include "zel/paxosdata.h"
+#include "zel/sharedblock.h"
 
 namespace zeld {
 
 class Globals;
 
 // seq (VarUInt) and the encoded state: the front of every state reply.
-std::string StateBody(int seq, const CommittedState& s);
+std::string StateBody(int seq, const StateRef& s);
 
 class Service {
  public:
@@ -57,12 +57,12 @@ class Service {
   // After propose: reads the client's "ok" to an announced id, then sends the
   // refusal or the state (or loses the reply, test switch). False to close.
   bool finishUpdate(Req& r, int rc, bool announced, bool sent, const UpdateId& uid, int seq,
-                    const CommittedState& s);
+                    const StateRef& s);
   // Sends the refusal in the form the client acts on: "failed" for 804..807 and
   // before init, "seq_commit_error" with the current state otherwise.
   bool refuse(ServerConnection& c, int err);
   bool sendFailed(ServerConnection& c, int err);
-  bool sendState(ServerConnection& c, int type, int seq, const CommittedState& s,
+  bool sendState(ServerConnection& c, int type, int seq, const StateRef& s,
                  const std::string& tail = std::string());
   // Streams an open committed file as "fdata" messages and one "fcrc" carrying
   // crc (the state's CRC, so a damaged copy is detected by the receiver).

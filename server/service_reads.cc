@@ -34,13 +34,13 @@ struct OpenFile {
 // The copy of fileId that the latest state names, with that state. A newer
 // version may be applied between snapshot and open (the previous one is kept,
 // but two in a row are not), so a few fresh snapshots are tried.
-int openCurrent(Globals& g, int fileId, int* seq, CommittedState* s, OpenFile* f) {
+int openCurrent(Globals& g, int fileId, int* seq, StateRef* s, OpenFile* f) {
   int rc = ENOENT;
   for (int attempt = 0; attempt < 3 && rc == ENOENT; attempt++) {
     rc = g.repo().snapshot(seq, s);
     if (rc != 0) return rc;
-    auto it = s->fileList.find(fileId);
-    if (it == s->fileList.end()) return E_ZEL_NOT_FOUND;
+    auto it = (*s)->fileList.find(fileId);
+    if (it == (*s)->fileList.end()) return E_ZEL_NOT_FOUND;
     rc = g.files().openVersion(fileId, it->second.version, it->second.uid, &f->fd, &f->size,
                                &f->crc);
   }
@@ -72,7 +72,7 @@ bool Service::sendFileFd(ServerConnection& c, int fd, long long size, unsigned i
 
 bool Service::vget(Req& r) {
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   int rc = g_.repo().barrier(&seq, &s);
   if (rc != 0) return refuse(r.c, rc);
   return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
@@ -80,13 +80,13 @@ bool Service::vget(Req& r) {
 
 bool Service::fget(Req& r) {
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   int rc = g_.repo().barrier(&seq, &s);
   if (rc != 0) return refuse(r.c, rc);
   if (r.p == r.end && r.type == MSG_TYPE_FGET) {
     // Names of the files the state holds; deleted names stay out of the listing.
     FileIdMap all = g_.files().idMap(), m;
-    for (const auto& [id, fv] : s.fileList) {
+    for (const auto& [id, fv] : s->fileList) {
       auto it = all.find(id);
       if (it != all.end()) m[id] = it->second;
     }
@@ -104,7 +104,7 @@ bool Service::fget(Req& r) {
   int fileId = g_.files().lookup(name);
   if (fileId < 0) {
     // A node still fetching what it skipped may not know the name yet.
-    if (g_.repo().lacksFiles(s)) return refuse(r.c, E_TRY_OTHERS);
+    if (g_.repo().lacksFiles(*s)) return refuse(r.c, E_TRY_OTHERS);
     return sendFailed(r.c, E_ZEL_NOT_FOUND);
   }
   OpenFile f;
@@ -115,7 +115,8 @@ bool Service::fget(Req& r) {
     trace(1, "fget '%s': no committed copy here (err %d)", name.c_str(), rc);
     return rc == ENOENT ? refuse(r.c, E_TRY_OTHERS) : sendFailed(r.c, E_IO);
   }
-  if (version != -1 && version == s.fileList[fileId].version) {
+  auto cur = s->fileList.find(fileId);  // present: openCurrent found it in s
+  if (version != -1 && cur != s->fileList.end() && version == cur->second.version) {
     return sendFailed(r.c, E_ZEL_VERSION_MATCH);
   }
   std::string tail = varUInt(fileId, 0) + varUInt(f.size, 0);
@@ -128,7 +129,7 @@ bool Service::discover(Req& r) {
   const char* p = LoadVarUInt(r.p, r.end, &version, -1);
   if (p == nullptr || p != r.end) return sendFailed(r.c, E_INVAL);
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   OpenFile f;
   int rc = openCurrent(g_, kNodesFileId, &seq, &s, &f);
   if (rc == E_ZEL_NOT_FOUND) return sendFailed(r.c, E_NODES_MISSING);

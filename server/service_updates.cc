@@ -34,7 +34,7 @@ std::string uidBody(const UpdateId& uid) {
 }  // namespace
 
 bool Service::finishUpdate(Req& r, int rc, bool announced, bool sent, const UpdateId& uid, int seq,
-                           const CommittedState& s) {
+                           const StateRef& s) {
   if (!sent) return false;
   if (announced) {
     // The client's "ok" to the id it was given, read after the decision.
@@ -66,15 +66,15 @@ bool Service::update(Req& r) {
 
 bool Service::decide(Req& r, UpdateAsk& ask, PrepFn prep) {
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   int rc = g_.repo().snapshot(&seq, &s);
   if (rc != 0) return sendFailed(r.c, rc);
-  if (!ask.uid.isNull() && s.includes(ask.uid) != 0) {
+  if (!ask.uid.isNull() && s->includes(ask.uid) != 0) {
     return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
   }
   // Checked on arrival, before an id is issued, and again in every instance.
   ProposedUpdate u;
-  rc = prep(s, ask, &u);
+  rc = prep(*s, ask, &u);
   if (rc != 0) return refuse(r.c, rc);
 
   bool announced = false, sent = true;
@@ -102,10 +102,10 @@ bool Service::fput(Req& r) {
     return sendFailed(r.c, E_INVAL);
   }
   int seq = 0;
-  CommittedState s;
+  StateRef s;
   int rc = g_.repo().snapshot(&seq, &s);
   if (rc != 0) return sendFailed(r.c, rc);
-  if (!ask.uid.isNull() && s.includes(ask.uid) != 0) {
+  if (!ask.uid.isNull() && s->includes(ask.uid) != 0) {
     return sendState(r.c, REPLY_TYPE_SEQ_COMMIT, seq, s);
   }
   ask.fileId = g_.files().lookup(ask.name);
@@ -113,7 +113,7 @@ bool Service::fput(Req& r) {
   if (early.fileId < 0)
     early.fileId = ask.name == kNodesFileName ? kNodesFileId : kUnassignedFileId;
   ProposedUpdate u;
-  rc = PrepareFilePut(s, early, &u);
+  rc = PrepareFilePut(*s, early, &u);
   if (rc != 0) return refuse(r.c, rc);
 
   // An fput gets a stream of its own: its upload may take long, and no other
@@ -176,7 +176,7 @@ bool Service::fput(Req& r) {
   }
 
   ask.crc = crc;
-  rc = g_.files().idFor(ask.name, s, &ask.fileId);
+  rc = g_.files().idFor(ask.name, *s, &ask.fileId);
   if (rc != 0) {
     PlatUnlink(staging.c_str());
     return refuse(r.c, rc);

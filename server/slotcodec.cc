@@ -17,7 +17,7 @@ unsigned int copyCrc(const char* hdr, const char* payload, size_t len) {
 
 }  // namespace
 
-int EncodeSlotCopy(const Dblock& b, unsigned long long gen, int writerId, std::string* out) {
+int EncodeSlotCopy(const SharedBlock& b, unsigned long long gen, int writerId, std::string* out) {
   int size = b.getSize();
   if (size > kMaxBlockBytes) return 34;
   out->assign(kSlotHeaderBytes + size, '\0');
@@ -46,7 +46,7 @@ int DecodeSlotHeader(const char* p, size_t n, SlotHeader* h) {
   return 0;
 }
 
-int DecodeSlotCopy(const char* p, size_t n, SlotHeader* h, Dblock* b) {
+int DecodeSlotCopy(const char* p, size_t n, SlotHeader* h, SharedBlock* b) {
   if (DecodeSlotHeader(p, n, h) != 0) return 5;
   if (n - kSlotHeaderBytes < h->length) return 5;
   const char* payload = p + kSlotHeaderBytes;

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "zel/paxosdata.h"
+#include "zel/sharedblock.h"
 
 namespace zeld {
 
@@ -23,11 +23,11 @@ struct SlotHeader {
 
 // Encodes b as a copy of generation gen into *out. 0, or 34 when b is larger
 // than kMaxBlockBytes.
-int EncodeSlotCopy(const Dblock& b, unsigned long long gen, int writerId, std::string* out);
+int EncodeSlotCopy(const SharedBlock& b, unsigned long long gen, int writerId, std::string* out);
 // Decodes the header alone: 0, or 5 for a bad magic or a length over the limit.
 int DecodeSlotHeader(const char* p, size_t n, SlotHeader* h);
 // Verifies a whole copy (header then payload) and decodes its block: 0 or 5.
-int DecodeSlotCopy(const char* p, size_t n, SlotHeader* h, Dblock* b);
+int DecodeSlotCopy(const char* p, size_t n, SlotHeader* h, SharedBlock* b);
 
 }  // namespace zeld
 

@@ -28,7 +28,7 @@ ReplicaFactory EngineReplicaFactory(long long requestMs, const std::string& cras
   f.initStore = [](const std::string& path, int nodeId, const Dblock& b) {
     int slot = initialSlot(b, nodeId);
     if (slot < 0 || slot >= kDiskSlots) return static_cast<int>(E_INVAL);
-    return BlockStore::Init(path, slot, b);
+    return BlockStore::Init(path, slot, SharedBlock(b));
   };
   f.open = [requestMs, crashAt](const std::string& path, int nodeId, const ReplicaHooks& hooks,
                                 std::shared_ptr<Disk>* storeOut, std::unique_ptr<Replica>* out) {
@@ -57,7 +57,7 @@ ReplicaFactory EngineReplicaFactory(long long requestMs, const std::string& cras
   };
   f.initDisk = [](const std::string& path, const Dblock& b, int nSlots) {
     if (nSlots < 1 || nSlots > kDiskSlots) return static_cast<int>(E_INVAL);
-    return BlockStore::Init(path, 0, b);
+    return BlockStore::Init(path, 0, SharedBlock(b));
   };
   return f;
 }

@@ -173,7 +173,7 @@ TEST(SlotCodec, EveryTruncationOfACopyIsRejected) {
   std::string copy;
   ASSERT_EQ(EncodeSlotCopy(b, 9, 1, &copy), 0);
   SlotHeader h;
-  Dblock got;
+  SharedBlock got;
   ASSERT_EQ(DecodeSlotCopy(copy.data(), copy.size(), &h, &got), 0);
   EXPECT_EQ(got, b);
   EXPECT_EQ(h.gen, 9u);

@@ -148,7 +148,7 @@ TEST(PaxosCore, AVoteOfAnEarlierLifeIsNeverErasedAndGetsDecided) {
   rig.settle(1);
   ASSERT_EQ(rig.applied.size(), 1u);
   EXPECT_EQ(rig.applied[0].seq, 1);
-  EXPECT_EQ(rig.applied[0].state.valueList["x"].value, "v");
+  EXPECT_EQ(rig.applied[0].state->valueList.at("x").value, "v");
 }
 
 TEST(PaxosCore, CatchesUpFromAHigherBlockAndAnswersItsUpdateFromIt) {
@@ -270,7 +270,7 @@ TEST(PaxosCore, ReadBarrierWaitsForAnInputThatMayBeDecided) {
     ASSERT_EQ(rig.done.size(), 1u) << rig.core->describe();
     EXPECT_EQ(rig.done[0].id, id);
     EXPECT_EQ(rig.done[0].rc, 0);
-    EXPECT_EQ(rig.done[0].state.includes(uid) != 0, voted);
+    EXPECT_EQ(rig.done[0].state->includes(uid) != 0, voted);
   }
 }
 

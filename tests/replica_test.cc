@@ -81,19 +81,19 @@ TEST(Replica, OneNodeOnAFileStoreIsDurableAndExactlyOnce) {
     std::unique_ptr<Replica> r;
     ASSERT_EQ(OpenReplica(optionsFor(store, &rec), &r), 0);
     int seq = -1;
-    CommittedState st;
+    StateRef st;
     ASSERT_EQ(r->submit(putFn(a, "x", "1"), &seq, &st), 0);
     EXPECT_EQ(seq, 1);
-    EXPECT_EQ(st.valueList["x"].version, 1);
+    EXPECT_EQ(st->valueList.at("x").version, 1);
     ASSERT_EQ(r->submit(putFn(b, "x", "2"), &seq, &st), 0);
     EXPECT_EQ(seq, 2);
-    EXPECT_EQ(st.valueList["x"].value, "2");
+    EXPECT_EQ(st->valueList.at("x").value, "2");
     // The applied callback ran for each instance, in order, before the reply.
     EXPECT_EQ(rec.seqs, (std::vector<int>{1, 2}));
     // The same uid again: answered from the state, nothing decided.
     ASSERT_EQ(r->submit(putFn(a, "x", "other"), &seq, &st), 0);
     EXPECT_EQ(seq, 2);
-    EXPECT_EQ(st.valueList["x"].value, "2");
+    EXPECT_EQ(st->valueList.at("x").value, "2");
     EXPECT_NE(r->describe().find("seq 2"), std::string::npos) << r->describe();
   }
   // Restart: everything acknowledged is there.
@@ -102,11 +102,11 @@ TEST(Replica, OneNodeOnAFileStoreIsDurableAndExactlyOnce) {
   std::unique_ptr<Replica> r;
   ASSERT_EQ(OpenReplica(optionsFor(store, &rec), &r), 0);
   int seq = -1;
-  CommittedState st;
+  StateRef st;
   r->snapshot(&seq, &st);
   EXPECT_EQ(seq, 2);
-  EXPECT_EQ(st.valueList["x"].value, "2");
-  EXPECT_EQ(st.includes(b), 1);
+  EXPECT_EQ(st->valueList.at("x").value, "2");
+  EXPECT_EQ(st->includes(b), 1);
 }
 
 TEST(Replica, RefusalsEndTheRequestAndDecideNothing) {
@@ -170,11 +170,11 @@ TEST(Replica, NoQuorumAnswers819InTimeAndTheUpdateIsStillDecided) {
   t.join();
   EXPECT_EQ(rcB, 0);
   int seq = -1;
-  CommittedState st;
+  StateRef st;
   ASSERT_EQ(r->submit(putFn(a, "x", "again"), &seq, &st), 0);
   EXPECT_EQ(seq, 2);
-  EXPECT_EQ(st.valueList["x"].value, "2");
-  EXPECT_EQ(st.valueList["x"].version, 2);
+  EXPECT_EQ(st->valueList.at("x").value, "2");
+  EXPECT_EQ(st->valueList.at("x").version, 2);
 }
 
 TEST(Replica, AVoteLeftOnTheStoreIsDecidedOnRestart) {
@@ -188,10 +188,10 @@ TEST(Replica, AVoteLeftOnTheStoreIsDecidedOnRestart) {
   std::unique_ptr<Replica> r;
   ASSERT_EQ(OpenReplica(optionsFor(disk, &rec), &r), 0);
   int seq = -1;
-  CommittedState st;
+  StateRef st;
   r->snapshot(&seq, &st);
   EXPECT_EQ(seq, 1);
-  EXPECT_EQ(st.valueList["x"].value, "voted");
+  EXPECT_EQ(st->valueList.at("x").value, "voted");
   EXPECT_EQ(rec.seqs, std::vector<int>{1});
 }
 
@@ -297,9 +297,9 @@ TEST(ReplicaCluster, ConcurrentWritersThroughEveryNodeLoseNothing) {
   for (auto& t : writers) t.join();
   EXPECT_EQ(failures, 0);
   int seq = 0;
-  CommittedState st;
+  StateRef st;
   ASSERT_EQ(c.nodes[0]->submit(putFn(UpdateId(1, 99, 1), "done", "1"), &seq, &st), 0);
-  EXPECT_EQ(st.valueList["n"].value, std::to_string(6 * kPerWriter));
+  EXPECT_EQ(st->valueList.at("n").value, std::to_string(6 * kPerWriter));
   EXPECT_EQ(seq, 6 * kPerWriter + 1);
 }
 
@@ -328,14 +328,14 @@ TEST(ReplicaCluster, SurvivesAMinorityAndRefusesWithoutAQuorum) {
     int back = k.down[0];
     c.stores[back]->setFailure(0);
     ASSERT_EQ(c.open(back), 0) << k.name;
-    CommittedState st;
+    StateRef st;
     int backSeq = 0;
     for (int tries = 0; tries < 100 && backSeq < seq; tries++) {
       c.nodes[back]->snapshot(&backSeq, &st);
       if (backSeq < seq) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(backSeq, seq) << k.name;
-    EXPECT_EQ(st.valueList["x"].value, "1") << k.name;
+    EXPECT_EQ(st->valueList.at("x").value, "1") << k.name;
   }
 }
 

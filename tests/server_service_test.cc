@@ -310,9 +310,9 @@ TEST(ServerService, FputBehindTheHorizonGetsAnotherId) {
     ASSERT_EQ(Exchange(c.get(), MSG_TYPE_OK, "").type, REPLY_TYPE_SEQ_COMMIT) << name;
   }
   int seq = 0;
-  CommittedState before;
+  StateRef before;
   h.replica()->snapshot(&seq, &before);
-  ASSERT_EQ(before.includes(first), 2);  // taken for applied, by the horizon alone
+  ASSERT_EQ(before->includes(first), 2);  // taken for applied, by the horizon alone
 
   ASSERT_EQ(sendFile(slow.get(), src, 4), 0);
   r = Exchange(slow.get(), MSG_TYPE_OK, "");
@@ -321,7 +321,7 @@ TEST(ServerService, FputBehindTheHorizonGetsAnotherId) {
   UpdateId second;
   ASSERT_NE(second.load(r.body.data(), r.body.data() + r.body.size()), nullptr);
   EXPECT_NE(second.stream(), first.stream());
-  EXPECT_EQ(before.includes(second), 0);
+  EXPECT_EQ(before->includes(second), 0);
   r = Exchange(slow.get(), MSG_TYPE_OK, "");
   ASSERT_EQ(r.type, REPLY_TYPE_SEQ_COMMIT);
   StateReply after = decodeState(r.body);

@@ -51,7 +51,7 @@ int PxSlots::sharedWith(size_t i) const {
   for (size_t j = 0; j < i; j++) {
     const PxSlot& t = (*this)[j];
     // Blocks of one instance carry one state; others are not worth comparing.
-    if (t.present && t.block.seq == s.block.seq && t.block.committed == s.block.committed)
+    if (t.present && t.block.seq == s.block.seq && SameState(t.block.committed, s.block.committed))
       return static_cast<int>(j);
   }
   return -1;

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "zel/paxosdata.h"
 #include "zel/paxosutils.h"
+#include "zel/sharedblock.h"
 
 // Every block store has this many slots, one per possible node.
 constexpr int kPxSlots = 8;
@@ -30,7 +30,7 @@ struct PxReadRequest {
 struct PxWriteRequest {
   int writerId = 0;
   int slot = 0;
-  Dblock block;
+  SharedBlock block;
 
   int getSize() const;
   char* dump(char* p) const;
@@ -43,7 +43,7 @@ struct PxWriteRequest {
 
 struct PxSlot {
   bool present = false;
-  Dblock block;  // meaningful when present
+  SharedBlock block;  // meaningful when present
   bool operator==(const PxSlot& o) const {
     return present == o.present && (!present || block == o.block);
   }

@@ -2,7 +2,8 @@
 
 #include "server/blockrules.h"
 
-int MemDisk::writeRead(int writerId, int slot, const Dblock& b, std::vector<zeld::SlotBlock>* out) {
+int MemDisk::writeRead(int writerId, int slot, const SharedBlock& b,
+                       std::vector<zeld::SlotBlock>* out) {
   std::lock_guard<std::mutex> lock(mu_);
   if (failure_ != 0) return failure_;
   int rc = zeld::CheckBlockWrite(slots_, writerId, slot, b);
@@ -21,7 +22,7 @@ int MemDisk::read(std::vector<zeld::SlotBlock>* out) {
   return 0;
 }
 
-void MemDisk::init(int slot, const Dblock& b) {
+void MemDisk::init(int slot, const SharedBlock& b) {
   std::lock_guard<std::mutex> lock(mu_);
   slots_.assign(zeld::kDiskSlots, zeld::SlotBlock());
   slots_[slot].present = true;

@@ -17,7 +17,7 @@ class MemReplica : public zeld::Replica {
   MemReplica(const Dblock& initial, const zeld::AppliedFn& applied)
       : seq_(initial.seq), state_(initial.committed), applied_(applied) {}
 
-  int submit(const zeld::PrepareFn& prepare, int* seq, CommittedState* state) override {
+  int submit(const zeld::PrepareFn& prepare, int* seq, StateRef* state) override {
     std::lock_guard<std::mutex> g(mu_);
     ProposedUpdate u;
     int rc = failNext_ != 0 ? failNext_ : prepare(state_, &u);
@@ -30,15 +30,15 @@ class MemReplica : public zeld::Replica {
       submitted_++;
     }
     *seq = seq_;
-    *state = state_;
+    *state = std::make_shared<const CommittedState>(state_);
     return 0;
   }
-  void snapshot(int* seq, CommittedState* state) const override {
+  void snapshot(int* seq, StateRef* state) const override {
     std::lock_guard<std::mutex> g(mu_);
     *seq = seq_;
-    *state = state_;
+    *state = std::make_shared<const CommittedState>(state_);
   }
-  int barrier(int* seq, CommittedState* state) override {
+  int barrier(int* seq, StateRef* state) override {
     snapshot(seq, state);
     return 0;
   }

@@ -74,7 +74,7 @@ class Sim {
   std::vector<std::unique_ptr<MemDisk>> tiebreakers_;
   std::map<int, Node> nodes_;
   std::map<int, std::string> decided_;          // seq -> input decided at it
-  std::map<int, CommittedState> states_;        // seq -> state there
+  std::map<int, StateRef> states_;              // seq -> state there
   std::vector<std::pair<UpdateId, int>> acks_;  // uid acknowledged, at seq
   SimResult res_;
 };
@@ -105,12 +105,12 @@ void Sim::onApplied(int id, const AppliedEvent& e) {
   auto st = states_.find(e.seq);
   if (st == states_.end())
     states_[e.seq] = e.state;
-  else if (!(st->second == e.state))
+  else if (!SameState(st->second, e.state))
     fail(nodeName(id) + " reached another state at seq " + std::to_string(e.seq));
   // A node the configuration adds gets a store initialised from that state.
-  for (const NodeDescriptor& d : e.state.config.nodes) {
+  for (const NodeDescriptor& d : e.state->config.nodes) {
     if (nodes_.count(d.id)) continue;
-    Dblock b;
+    SharedBlock b;
     b.reset(e.seq, e.state);
     nodes_[d.id].store.reset(new MemDisk(nodeName(d.id)));
     nodes_[d.id].store->init(d.slot, b);
@@ -139,8 +139,8 @@ void Sim::drain(int id) {
       e.life = n.life;
       e.op = op;
       // Now and then a message is held back long enough to land phases later.
-      long long delay = faulty() && coin() < 0.05 ? pick(0, 25 * c_.maxDelayMs)
-                                                  : pick(0, c_.maxDelayMs);
+      long long delay =
+          faulty() && coin() < 0.05 ? pick(0, 25 * c_.maxDelayMs) : pick(0, c_.maxDelayMs);
       schedule(now_ + delay, e);
     }
   }
@@ -151,7 +151,7 @@ void Sim::drain(int id) {
     if (c.rc == 0) {
       res_.acknowledged++;
       acks_.emplace_back(it->second, c.seq);
-      if (c.state.includes(it->second) == 0) fail("acknowledged state lacks its update");
+      if (c.state->includes(it->second) == 0) fail("acknowledged state lacks its update");
     } else if (c.rc != 819) {
       res_.refused++;
     }
@@ -223,7 +223,7 @@ void Sim::submitConfig(int id) {
 MemDisk* Sim::diskFor(const DiskOp& op) {
   auto st = states_.find(op.seq);
   if (st == states_.end()) return nullptr;
-  const PaxosConfig& cfg = st->second.config;
+  const PaxosConfig& cfg = st->second->config;
   int n = static_cast<int>(cfg.nodes.size());
   if (op.disk >= 0 && op.disk < n) {
     auto it = nodes_.find(cfg.nodes[op.disk].id);
@@ -300,8 +300,10 @@ SimResult Sim::run() {
   for (int i = 0; i < c_.nodes; i++) cfg.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
   for (int j = 0; j < c_.tiebreakers; j++) cfg.disks.push_back(j);
   cfg.minNodes = c_.minNodes;
-  Dblock init;
-  init.committed.config = cfg;
+  auto first = std::make_shared<CommittedState>();
+  first->config = cfg;
+  SharedBlock init;
+  init.reset(0, first);
   states_[0] = init.committed;
   for (int j = 0; j < c_.tiebreakers; j++) {
     tiebreakers_.emplace_back(new MemDisk("tiebreaker " + std::to_string(j)));
@@ -345,13 +347,13 @@ SimResult Sim::run() {
   if (!res_.error.empty()) return res_;
   for (const auto& a : acks_)
     for (auto it = states_.lower_bound(a.second); it != states_.end(); ++it)
-      if (it->second.includes(a.first) == 0)
+      if (it->second->includes(a.first) == 0)
         fail("acknowledged " + a.first.toString() + " missing from the state at seq " +
              std::to_string(it->first));
   // Liveness once the faults stopped: the final configuration's nodes have
   // answered every request and are all current.
   int top = states_.rbegin()->first;
-  for (const NodeDescriptor& d : states_.rbegin()->second.config.nodes) {
+  for (const NodeDescriptor& d : states_.rbegin()->second->config.nodes) {
     Node& n = nodes_[d.id];
     if (!n.core) {
       fail(nodeName(d.id) + " is down at the end");
