@@ -17,7 +17,7 @@ SEED=$(realpath "$BUILD/bench/seedstate")
 T=$(mktemp -d /tmp/zeld-cluster-bench.XXXXXX)
 declare -A PID PORT
 cleanup() {
-  for p in "${PID[@]}"; do kill -9 "$p" 2>/dev/null || true; done
+  for p in "${PID[@]}"; do { kill -9 "$p"; wait "$p"; } 2>/dev/null || true; done
   rm -rf "$T"
 }
 trap cleanup EXIT
@@ -32,13 +32,14 @@ start() {  # start NAME [port]: a node in $T/NAME; waits for its port file
   PORT[$1]=$(cat "$d/zeld.port")
 }
 stop() { kill "${PID[$1]}"; wait "${PID[$1]}" 2>/dev/null || true; unset "PID[$1]"; }
-now() { echo "${EPOCHREALTIME/./}"; }
+# The shell's own clock, read in place: $(...) would start a subshell per reading.
+now() { T_NOW=${EPOCHREALTIME/./}; }
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 time_runs() {  # the median whole-process time of "$@" in microseconds over $1 runs
   local n=$1
   shift
   for _ in $(seq "$n"); do
-    s=$(now); "$@"; e=$(now); echo $((e - s))
+    now; s=$T_NOW; "$@"; now; echo $((T_NOW - s))
   done | median
 }
 kx() { "$KX" "$@" >/dev/null 2>&1; }
@@ -56,14 +57,14 @@ i=0
 vput_next() { i=$((i + 1)); kx vput bench "$i"; }
 echo "3 nodes: vput median: $(time_runs "$RUNS" vput_next) us ($RUNS runs)"
 PER=50
-s=$(now)
+now; s=$T_NOW
 pids=()
 for c in $(seq "$CLIENTS"); do
   (for k in $(seq "$PER"); do kx vput "c$c" "$k"; done) &
   pids+=($!)
 done
 wait "${pids[@]}"
-e=$(now)
+now; e=$T_NOW
 echo "3 nodes: updates/s with $CLIENTS clients: $((CLIENTS * PER * 1000000 / (e - s)))"
 for n in a1 a2 a3; do stop $n; done
 
@@ -83,12 +84,12 @@ for k in 1 2 3 4 5; do kx vput late "$k"; done
 ONLY3=$T/only3
 mkdir -p "$ONLY3/committed"
 echo "3,0,127.0.0.1,${PORT[b3]},127.0.0.1" >"$ONLY3/zel.nodes"
-s=$(now)
+now; s=$T_NOW
 start b3 "${PORT[b3]}"
 for _ in $(seq 3000); do
   out=$(ZEL_BASE=$ONLY3 "$KX" vget late 2>/dev/null || true)
   case $out in *vget:5:5*) break ;; esac
 done
-e=$(now)
+now; e=$T_NOW
 case $out in *vget:5:5*) ;; *) echo "node 3 did not catch up"; exit 1 ;; esac
 echo "$VALUES values: restarted node answers the latest value after $(((e - s) / 1000)) ms"
