@@ -193,11 +193,18 @@ void PaxosCore::startAttempt(Phase p, long long now) {
   }
 }
 
-void PaxosCore::examine(const std::vector<SlotBlock>& slots, int disk) {
+bool PaxosCore::examine(const std::vector<SlotBlock>& slots, int disk) {
+  bool headAtSeq = false;
   for (int i = 0; i < static_cast<int>(slots.size()) && i < kDiskSlots; i++) {
     if (!slots[i].present) continue;
     const SharedBlock& b = slots[i].block;
     diskSeq_[disk] = std::max(diskSeq_[disk], b.seq);
+    if (slots[i].headOnly) {
+      // Sent without its state because the store holds a newer block, whose
+      // state this node takes; at or above this seq it is useless otherwise.
+      if (b.seq >= own_.seq) headAtSeq = true;
+      continue;
+    }
     if (b.seq > own_.seq) {
       if (b.seq > catchSeq_) {
         catchSeq_ = b.seq;
@@ -231,6 +238,7 @@ void PaxosCore::examine(const std::vector<SlotBlock>& slots, int disk) {
       bestInp_ = b.inp;
     }
   }
+  return !headAtSeq || catchSeq_ > own_.seq;
 }
 
 void PaxosCore::onReply(const DiskReply& r, long long now) {
@@ -241,7 +249,7 @@ void PaxosCore::onReply(const DiskReply& r, long long now) {
   diskRc_[r.disk] = r.rc;
   bool readable = (r.rc == 0 || r.rc == kErrNotOwner || r.rc == kErrStaleWrite) &&
                   r.slots.size() == static_cast<size_t>(kDiskSlots);
-  if (readable) examine(r.slots, r.disk);
+  if (readable) readable = examine(r.slots, r.disk);
   if (fault_ != 0) return setFault(faultWhy_.c_str(), now);
   if (catchSeq_ > own_.seq) return catchUp(now);
   if (abort_) return backoff(now);

@@ -123,7 +123,8 @@ class PaxosCore {
 
   void enterSeq(long long now);
   void startAttempt(Phase p, long long now);
-  void examine(const std::vector<SlotBlock>& slots, int disk);
+  // False when the reply cannot count: a block at this seq came without its state.
+  bool examine(const std::vector<SlotBlock>& slots, int disk);
   void advance(long long now);
   void decide(long long now);
   void catchUp(long long now);

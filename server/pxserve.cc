@@ -20,21 +20,23 @@ void refuse(int code, int* replyType, std::string* reply) {
   *reply = PxFailedBody(code);
 }
 
-// The disk's slots as sent; false when the disk handed back a wrong count.
-bool toWire(const std::vector<SlotBlock>& in, PxSlots* out) {
+// The disk's slots as sent to a reader at seq; false when the disk handed back
+// a wrong count.
+bool toWire(const std::vector<SlotBlock>& in, int seq, PxSlots* out) {
   if (in.size() != static_cast<size_t>(kPxSlots)) return false;
   for (size_t i = 0; i < in.size(); i++) {
     (*out)[i].present = in[i].present;
     if (in[i].present) (*out)[i].block = in[i].block;
   }
+  PxOmitStates(out, seq);
   return true;
 }
 
-void answerSlots(int rc, const std::vector<SlotBlock>& slots, int okType, int* replyType,
+void answerSlots(int rc, const std::vector<SlotBlock>& slots, int seq, int okType, int* replyType,
                  std::string* reply) {
   PxSlots wire;
   if (rc != 0) return refuse(rc, replyType, reply);
-  if (!toWire(slots, &wire)) {
+  if (!toWire(slots, seq, &wire)) {
     trace(1, "block store returned %d slots", static_cast<int>(slots.size()));
     return refuse(E_INTERNAL, replyType, reply);
   }
@@ -103,7 +105,8 @@ void answerWrite(int type, const PxWriteRequest& w, Disk* disk, int* replyType,
   std::vector<SlotBlock> slots;
   trace(6, "%s from node %d slot %d seq %d", msgName(type), w.writerId, w.slot, w.block.seq);
   int rc = disk->writeRead(w.writerId, w.slot, w.block, &slots);
-  if (type == MSG_TYPE_PXRDWR) return answerSlots(rc, slots, REPLY_TYPE_PXRDWR, replyType, reply);
+  if (type == MSG_TYPE_PXRDWR)
+    return answerSlots(rc, slots, w.block.seq, REPLY_TYPE_PXRDWR, replyType, reply);
   if (rc != 0) return refuse(rc, replyType, reply);
   *replyType = REPLY_TYPE_PXWRITE;
   reply->clear();
@@ -120,9 +123,9 @@ void AnswerPx(int type, const char* body, int len, Disk* disk, int* replyType, s
   if (type == MSG_TYPE_PXREAD) {
     PxReadRequest r;
     if (!PxDecode(&r, body, len)) return refuse(E_BAD_MESSAGE, replyType, reply);
-    trace(6, "pxread from node %d", r.readerId);
+    trace(6, "pxread from node %d at seq %d", r.readerId, r.seq);
     std::vector<SlotBlock> slots;
-    return answerSlots(disk->read(&slots), slots, REPLY_TYPE_PXREAD, replyType, reply);
+    return answerSlots(disk->read(&slots), slots, r.seq, REPLY_TYPE_PXREAD, replyType, reply);
   }
   if (type != MSG_TYPE_PXWRITE && type != MSG_TYPE_PXRDWR)
     return refuse(E_UNKNOWN_REQUEST, replyType, reply);

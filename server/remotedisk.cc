@@ -54,8 +54,9 @@ void RemoteDisk::drop() {
   conn_ = nullptr;
 }
 
-int RemoteDisk::read(std::vector<SlotBlock>* out) {
-  return exchange(MSG_TYPE_PXREAD, PxEncode(PxReadRequest{selfId_}), nullptr, out);
+int RemoteDisk::readFor(int seq, std::vector<SlotBlock>* out) {
+  return exchange(MSG_TYPE_PXREAD, PxEncode(PxReadRequest{selfId_, seq < 0 ? 0 : seq}), nullptr,
+                  out);
 }
 
 int RemoteDisk::writeRead(int writerId, int slot, const SharedBlock& b,
@@ -124,7 +125,7 @@ int RemoteDisk::exchangeOnce(int type, const std::string& body, const ProposedUp
     } else if (rtype != want || !PxDecode(&slots, reply, len)) {
       rc = E_BAD_MESSAGE;
     } else {
-      for (const PxSlot& s : slots) out->push_back(SlotBlock{s.present, s.block});
+      for (const PxSlot& s : slots) out->push_back(SlotBlock{s.present, s.block, s.headOnly});
     }
     if (rc == E_BAD_MESSAGE) {
       trace(1, "%s: bad reply msg %d '%s' len %d to '%s'", label().c_str(), rtype, msgName(rtype),

@@ -40,7 +40,8 @@ class RemoteDisk : public Disk {
   ~RemoteDisk() override;
 
   int writeRead(int writerId, int slot, const SharedBlock& b, std::vector<SlotBlock>* out) override;
-  int read(std::vector<SlotBlock>* out) override;
+  int read(std::vector<SlotBlock>* out) override { return readFor(0, out); }
+  int readFor(int seq, std::vector<SlotBlock>* out) override;
   std::string label() const override { return "node " + std::to_string(peerId_); }
 
  private:

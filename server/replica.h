@@ -31,6 +31,10 @@ constexpr int kErrStaleWrite = 116;  // ESTALE
 struct SlotBlock {
   bool present = false;
   SharedBlock block;
+  // A remote store left out the block's committed state (block.committed is
+  // empty): the block is of a seq below the reader's, or below the newest
+  // block the store holds, whose state the reader takes instead.
+  bool headOnly = false;
 };
 
 // A disk of Disk Paxos: kDiskSlots slots of one Dblock each. Implementations:
@@ -49,6 +53,13 @@ class Disk {
   virtual int writeRead(int writerId, int slot, const SharedBlock& b,
                         std::vector<SlotBlock>* out) = 0;
   virtual int read(std::vector<SlotBlock>* out) = 0;
+  // As read, for a reader at instance seq: a remote store sends the blocks the
+  // reader never looks at the state of as heads (SlotBlock::headOnly), so that
+  // a reply carries one state, not one per lagging node.
+  virtual int readFor(int seq, std::vector<SlotBlock>* out) {
+    (void)seq;
+    return read(out);
+  }
   // For traces and dump: "node 2", "/path/disk0".
   virtual std::string label() const = 0;
 };

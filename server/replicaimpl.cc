@@ -166,7 +166,7 @@ void EngineReplica::workerLoop(Worker* w) {
     if (op.write)
       r.rc = w->disk->writeRead(o_.nodeId, op.slot, op.block, &r.slots);
     else
-      r.rc = w->disk->read(&r.slots);
+      r.rc = w->disk->readFor(op.seq, &r.slots);
     lock.lock();
     replies_.push_back(std::move(r));
     cv_.notify_all();

@@ -31,7 +31,7 @@ bool Decodes(const std::string& bytes, R* r) {
 }
 
 TEST(PxWireTest, RequestGoldens) {
-  ExpectGolden(PxReadRequest{3}, "03");
+  ExpectGolden(PxReadRequest{3, 260}, "03 " + Hex(V(260, 0)));
   PxWriteRequest w;
   w.writerId = 2;
   w.slot = 1;
@@ -91,6 +91,45 @@ TEST(PxWireTest, SlotsRoundTripKeepsEveryBlock) {
   }
 }
 
+TEST(PxWireTest, ReadersGetTheStateOfTheNewestBlocksOnly) {
+  CommittedState a = SampleState(), b = SampleState();
+  b.valueList["z"] = ValueVersion{1, "other"};
+  struct Case {
+    const char* what;
+    int readerSeq;
+    std::vector<std::pair<int, Dblock>> blocks;
+    std::string heads;  // per slot: '-' absent, 'h' head only, 's' with its state
+  } cases[] = {
+      {"one instance", 7, {{0, Block(7, 1, a, false)}, {2, Block(7, 2, a, true)}}, "s-s-----"},
+      {"lagging blocks", 8, {{0, Block(7, 1, a, false)}, {1, Block(8, 2, b, true)}}, "hs------"},
+      {"reader behind", 7, {{0, Block(7, 1, a, false)}, {5, Block(8, 2, b, false)}}, "h----s--"},
+      {"reader ahead", 9, {{0, Block(7, 1, a, false)}, {1, Block(8, 2, b, false)}}, "hh------"},
+  };
+  for (const Case& c : cases) {
+    PxSlots s;
+    for (const auto& ib : c.blocks) {
+      s[ib.first].present = true;
+      s[ib.first].block = ib.second;
+    }
+    PxOmitStates(&s, c.readerSeq);
+    std::string bytes = Encode(s);
+    PxSlots back;
+    ASSERT_TRUE(Decodes(bytes, &back)) << c.what;
+    std::string got;
+    for (int i = 0; i < kPxSlots; i++) {
+      got += !back[i].present ? '-' : back[i].headOnly ? 'h' : 's';
+      if (!back[i].present) continue;
+      EXPECT_EQ(back[i].block.seq, s[i].block.seq) << c.what;
+      if (!back[i].headOnly) {
+        EXPECT_TRUE(SameState(back[i].block.committed, s[i].block.committed)) << c.what;
+      }
+    }
+    EXPECT_EQ(got, c.heads) << c.what;
+    EXPECT_TRUE(back == s) << c.what;
+    ExpectTruncationsFail<PxSlots>(bytes);
+  }
+}
+
 TEST(PxWireTest, SharedStateIsSentOnce) {
   CommittedState big;
   for (int i = 0; i < 200; i++) big.valueList["name" + std::to_string(i)] = ValueVersion{1, "v"};
@@ -112,7 +151,9 @@ TEST(PxWireTest, MalformedBodiesAreRefused) {
   } slotCases[] = {
       {"seven slots", V(7, 0) + std::string(7, '\0')},
       {"nine slots", V(9, 0) + std::string(9, '\0')},
-      {"unknown kind", V(8, 0) + V(3, 0) + std::string(7, '\0')},
+      {"unknown kind", V(8, 0) + V(4, 0) + std::string(7, '\0')},
+      {"reference to a head",
+       V(8, 0) + V(3, 0) + head + V(2, 0) + V(0, 0) + head + std::string(6, '\0')},
       {"reference to itself", V(8, 0) + V(2, 0) + V(0, 0) + head + std::string(7, '\0')},
       {"reference to an absent slot",
        V(8, 0) + std::string(1, '\0') + V(2, 0) + V(0, 0) + head + std::string(6, '\0')},
@@ -132,7 +173,8 @@ TEST(PxWireTest, MalformedBodiesAreRefused) {
   EXPECT_FALSE(Decodes(V(1, 0) + V(7, 0) + block + "x", &w)) << "trailing byte";
   PxReadRequest r;
   EXPECT_FALSE(PxDecode(&r, nullptr, 0)) << "empty";
-  EXPECT_FALSE(Decodes(V(1, 0) + V(1, 0), &r)) << "two ids";
+  EXPECT_FALSE(Decodes(V(1, 0), &r)) << "no seq";
+  EXPECT_FALSE(Decodes(V(1, 0) + V(1, 0) + V(1, 0), &r)) << "trailing number";
 }
 
 }  // namespace

@@ -302,9 +302,10 @@ TEST(PxServeTest, MalformedRequestsAreRefused) {
     int wantType;
     int wantCode;
   } cases[] = {
-      {"read", MSG_TYPE_PXREAD, V(1, 0), REPLY_TYPE_PXREAD, 0},
+      {"read", MSG_TYPE_PXREAD, V(1, 0) + V(0, 0), REPLY_TYPE_PXREAD, 0},
       {"empty read", MSG_TYPE_PXREAD, "", MSG_TYPE_FAILED, E_BAD_MESSAGE},
-      {"read with trailing byte", MSG_TYPE_PXREAD, V(1, 0) + "x", MSG_TYPE_FAILED, E_BAD_MESSAGE},
+      {"read with trailing byte", MSG_TYPE_PXREAD, V(1, 0) + V(0, 0) + "x", MSG_TYPE_FAILED,
+       E_BAD_MESSAGE},
       {"write", MSG_TYPE_PXWRITE, V(1, 0) + V(0, 0) + block, REPLY_TYPE_PXWRITE, 0},
       {"write cut short", MSG_TYPE_PXWRITE, V(1, 0) + V(0, 0) + block.substr(3), MSG_TYPE_FAILED,
        E_BAD_MESSAGE},

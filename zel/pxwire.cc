@@ -2,7 +2,7 @@
 
 namespace {
 
-enum SlotKind { kAbsent = 0, kBlock = 1, kSharedState = 2 };
+enum SlotKind { kAbsent = 0, kBlock = 1, kSharedState = 2, kHeadOnly = 3 };
 
 }  // namespace
 
@@ -14,15 +14,15 @@ std::string PxFailedBody(int code) {
 // ---- PxReadRequest ----
 
 int PxReadRequest::getSize() const {
-  return SizeVarUInt(readerId, 0);
+  return SizeVarUInt(readerId, 0) + SizeVarUInt(seq, 0);
 }
 
 char* PxReadRequest::dump(char* p) const {
-  return DumpVarUInt(p, readerId, 0);
+  return DumpVarUInt(DumpVarUInt(p, readerId, 0), seq, 0);
 }
 
 const char* PxReadRequest::load(const char* p, const char* end) {
-  return LoadVarUInt(p, end, &readerId, 0);
+  return LoadVarUInt(LoadVarUInt(p, end, &readerId, 0), end, &seq, 0);
 }
 
 // ---- PxWriteRequest ----
@@ -46,10 +46,30 @@ const char* PxWriteRequest::load(const char* p, const char* end) {
 
 // ---- PxSlots ----
 
+bool PxSlot::operator==(const PxSlot& o) const {
+  if (present != o.present) return false;
+  if (!present) return true;
+  if (headOnly != o.headOnly) return false;
+  const SharedBlock& a = block;
+  const SharedBlock& b = o.block;
+  bool sameHead = a.seq == b.seq && a.mbal == b.mbal && a.bal == b.bal && a.inp == b.inp &&
+                  a.leaderChallengeVersion == b.leaderChallengeVersion;
+  return sameHead && (headOnly || SameState(a.committed, b.committed));
+}
+
+void PxOmitStates(PxSlots* slots, int seq) {
+  int top = seq;
+  for (const PxSlot& s : *slots)
+    if (s.present && s.block.seq > top) top = s.block.seq;
+  for (PxSlot& s : *slots) s.headOnly = s.present && s.block.seq < top;
+}
+
 int PxSlots::sharedWith(size_t i) const {
   const PxSlot& s = (*this)[i];
+  if (s.headOnly) return -1;
   for (size_t j = 0; j < i; j++) {
     const PxSlot& t = (*this)[j];
+    if (t.headOnly) continue;
     // Blocks of one instance carry one state; others are not worth comparing.
     if (t.present && t.block.seq == s.block.seq && SameState(t.block.committed, s.block.committed))
       return static_cast<int>(j);
@@ -64,6 +84,10 @@ int PxSlots::getSize() const {
     const PxSlot& s = (*this)[i];
     n += 1;  // kind
     if (!s.present) continue;
+    if (s.headOnly) {
+      n += s.block.getHeadSize();
+      continue;
+    }
     int j = sharedWith(i);
     n += j < 0 ? s.block.getSize() : SizeVarUInt(j, 0) + s.block.getHeadSize();
   }
@@ -77,6 +101,11 @@ char* PxSlots::dump(char* p) const {
     const PxSlot& s = (*this)[i];
     if (!s.present) {
       p = DumpVarUInt(p, kAbsent, 0);
+      continue;
+    }
+    if (s.headOnly) {
+      p = DumpVarUInt(p, kHeadOnly, 0);
+      p = s.block.dumpHead(p);
       continue;
     }
     int j = sharedWith(i);
@@ -108,8 +137,12 @@ const char* PxSlots::load(const char* p, const char* end) {
     } else if (kind == kSharedState) {
       int j = -1;
       p = LoadVarUInt(p, end, &j, 0);
-      if (p == nullptr || j < 0 || j >= i || !(*this)[j].present) return nullptr;
+      if (p == nullptr || j < 0 || j >= i || !(*this)[j].present || (*this)[j].headOnly)
+        return nullptr;
       s.block.committed = (*this)[j].block.committed;
+      p = s.block.loadHead(p, end);
+    } else if (kind == kHeadOnly) {
+      s.headOnly = true;
       p = s.block.loadHead(p, end);
     } else {
       return nullptr;

@@ -16,14 +16,15 @@
 // Every block store has this many slots, one per possible node.
 constexpr int kPxSlots = 8;
 
-// "pxread": who reads (for the store's traces).
+// "pxread": who reads (for the store's traces) and the instance it is at.
 struct PxReadRequest {
   int readerId = 0;
+  int seq = 0;
 
   int getSize() const;
   char* dump(char* p) const;
   const char* load(const char* p, const char* end);
-  bool operator==(const PxReadRequest& o) const { return readerId == o.readerId; }
+  bool operator==(const PxReadRequest& o) const { return readerId == o.readerId && seq == o.seq; }
 };
 
 // "pxwrite" and "pxrdwr": writerId's block for slot.
@@ -43,16 +44,17 @@ struct PxWriteRequest {
 
 struct PxSlot {
   bool present = false;
+  // Sent without its committed state (left empty): the reader does not need it.
+  bool headOnly = false;
   SharedBlock block;  // meaningful when present
-  bool operator==(const PxSlot& o) const {
-    return present == o.present && (!present || block == o.block);
-  }
+  bool operator==(const PxSlot& o) const;
 };
 
 // "reply_pxread" and "reply_pxrdwr": every slot of a store, exactly kPxSlots.
 // A block whose committed state equals an earlier slot's is sent as a reference
 // to that slot plus its head, so a store's usual content (blocks of one or two
-// instances) costs one or two states, not eight.
+// instances) costs one or two states, not eight; a headOnly slot is its head.
+// (PxOmitStates says which states a reader can go without.)
 class PxSlots : public std::vector<PxSlot> {
  public:
   PxSlots() : std::vector<PxSlot>(kPxSlots) {}
@@ -61,13 +63,19 @@ class PxSlots : public std::vector<PxSlot> {
   int getSize() const;
   char* dump(char* p) const;
   // Fails unless the count is kPxSlots, each kind is known and each reference
-  // names an earlier present slot.
+  // names an earlier present slot that carries its state.
   const char* load(const char* p, const char* end);
 
  private:
   // The earlier present slot with the same committed state as slot i, or -1.
   int sharedWith(size_t i) const;
 };
+
+// Marks headOnly the blocks a reader at instance seq never looks at the state
+// of: those below the highest seq among the slots, and below seq. So a reply
+// carries at most one state (that of the newest blocks), whatever the store
+// holds of lagging nodes.
+void PxOmitStates(PxSlots* slots, int seq);
 
 // "fxfer" and "reply_pxrdwr_fxfer": one version of a file, named as a committed
 // state names it.
