@@ -4,18 +4,12 @@
 #include <tuple>
 #include <vector>
 
+#include "support/testutil.h"
 #include "zel/zelcmd.h"
 #include "zel/zelerr.h"
 #include "zel/zelutils.h"
 
 namespace {
-
-int OnlyLoopback(IpAddrArray* out) {
-  IpAddr a;
-  IpAddr::parse("127.0.0.1", &a);
-  out->push_back(a);
-  return 0;
-}
 
 // The locally known cluster the items are checked against.
 class NodeArgsTest : public ::testing::Test {
@@ -94,7 +88,7 @@ TEST_F(NodeArgsTest, DefaultLocal) {
 
   // This host is node 3 (127.0.0.1 on the current port).
   zelPort = 1191;
-  SetLocalAddrsFnForTest(OnlyLoopback);
+  SetLocalAddrsFnForTest(OnlyLoopbackAddrs);
   int id = -2;
   ASSERT_EQ(0, ReInitZELIO(&id));
   EXPECT_EQ(0, parseNodeListDefaultLocal({}, &out, true));

@@ -6,6 +6,7 @@
 
 #include "server/paxoscore.h"
 #include "support/memdisk.h"
+#include "support/samples.h"
 
 using namespace zeld;
 
@@ -40,13 +41,6 @@ TEST(Quorum, Rule) {
   }
 }
 
-CommittedState threeNodes() {
-  CommittedState st;
-  for (int i = 0; i < 3; i++) st.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
-  st.config.minNodes = 1;
-  return st;
-}
-
 // A core over three in-memory node stores, every operation answered at once.
 struct Rig {
   std::vector<std::unique_ptr<MemDisk>> disks;
@@ -63,7 +57,7 @@ struct Rig {
   // Every node's store holds the three-node configuration in its own slot.
   Dblock initAll() {
     Dblock base;
-    base.committed = threeNodes();
+    base.committed = NodesState(3);
     for (int d = 0; d < 3; d++) disks[d]->init(d, base);
     return base;
   }
@@ -112,7 +106,7 @@ struct Rig {
   // Three disks holding a fresh three-node state, nodeId's core idle on them.
   Dblock idle(int nodeId) {
     Dblock base;
-    base.committed = threeNodes();
+    base.committed = NodesState(3);
     for (auto& d : disks) d->init(0, base);
     start(nodeId);
     settle(nodeId);
@@ -134,7 +128,7 @@ TEST(PaxosCore, AVoteOfAnEarlierLifeIsNeverErasedAndGetsDecided) {
   // acknowledged) but its own store missed that write.
   Rig rig;
   Dblock base;
-  base.committed = threeNodes();
+  base.committed = NodesState(3);
   Dblock own = base;
   own.mbal = BallotNumber(5, 1);
   Dblock vote = own;

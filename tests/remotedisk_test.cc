@@ -15,6 +15,7 @@
 
 #include "server/pxserve.h"
 #include "support/memdisk.h"
+#include "support/samples.h"
 #include "support/testutil.h"
 #include "support/wirebodies.h"
 #include "support/wiretest.h"
@@ -122,8 +123,8 @@ Dblock Block(int seq, int ballot) {
   Dblock b;
   b.seq = seq;
   b.mbal = BallotNumber(ballot, 1);
+  b.committed = NodesState(3);
   b.committed.valueList["a"] = ValueVersion{seq, "x"};
-  for (int i = 0; i < 3; i++) b.committed.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
   return b;
 }
 
@@ -321,17 +322,6 @@ TEST(PxServeTest, MalformedRequestsAreRefused) {
     EXPECT_EQ(type, c.wantType) << c.what;
     EXPECT_EQ(reply == PxFailedBody(c.wantCode), c.wantType == MSG_TYPE_FAILED) << c.what;
   }
-}
-
-TEST(PxServeTest, PlainWriteOfAFileNotHeldIsRefused) {
-  PxFiles files;
-  files.holds = [](const ProposedUpdate&) { return false; };
-  Dblock b = Block(3, 1);
-  b.inp = FileInput(1);
-  EXPECT_TRUE(zeld::PxNeedsFile(b.inp, files));
-  EXPECT_FALSE(zeld::PxNeedsFile(Block(3, 1).inp, files));
-  files.holds = [](const ProposedUpdate&) { return true; };
-  EXPECT_FALSE(zeld::PxNeedsFile(b.inp, files));
 }
 
 }  // namespace

@@ -8,22 +8,16 @@
 #include "server/blockstore.h"
 #include "server/replica.h"
 #include "support/memdisk.h"
+#include "support/samples.h"
 #include "support/testutil.h"
 
 using namespace zeld;
 
 namespace {
 
-CommittedState oneNodeState() {
-  CommittedState st;
-  st.config.nodes.push_back(NodeDescriptor{1, 0, 0, true});
-  st.config.minNodes = 1;
-  return st;
-}
-
 Dblock initialBlock() {
   Dblock b;
-  b.committed = oneNodeState();
+  b.committed = NodesState(1);
   return b;
 }
 
@@ -199,11 +193,8 @@ TEST(Replica, DisagreeingBlocksAre148NeverAnAbort) {
   auto own = std::make_shared<MemDisk>("own");
   auto other = std::make_shared<MemDisk>("other");
   auto third = std::make_shared<MemDisk>("third");
-  CommittedState st = oneNodeState();
-  st.config.nodes.push_back(NodeDescriptor{2, 1, 0, true});
-  st.config.nodes.push_back(NodeDescriptor{3, 2, 0, true});
   Dblock b;
-  b.committed = st;
+  b.committed = NodesState(3);
   own->init(0, b);
   Dblock forged = b;
   forged.committed.valueList["y"] = ValueVersion{1, "forged"};
@@ -234,12 +225,8 @@ struct Cluster {
   std::vector<std::unique_ptr<Replica>> nodes;
 
   Cluster(int n, int t) {
-    CommittedState st;
-    for (int i = 0; i < n; i++) st.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
-    for (int j = 0; j < t; j++) st.config.disks.push_back(j);
-    st.config.minNodes = 1;
     Dblock b;
-    b.committed = st;
+    b.committed = NodesState(n, t);
     for (int i = 0; i < n; i++) {
       stores.push_back(std::make_shared<MemDisk>("node store " + std::to_string(i + 1)));
       stores.back()->init(i, b);

@@ -15,20 +15,13 @@
 
 namespace {
 
-int FakeLocalAddrs(IpAddrArray* out) {
-  IpAddr a;
-  IpAddr::parse("127.0.0.1", &a);
-  out->push_back(a);
-  return 0;
-}
-
 // A test installation rooted at a fresh directory, with 127.0.0.1 the only
 // local address.
 class StoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Restart();
-    SetLocalAddrsFnForTest(FakeLocalAddrs);
+    SetLocalAddrsFnForTest(OnlyLoopbackAddrs);
     base_ = dir_.file("repo");
     setenv("ZEL_BASE", base_.c_str(), 1);
     unsetenv("ZEL_PORT");

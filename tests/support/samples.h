@@ -20,4 +20,13 @@ inline CommittedState SampleState() {
   return s;
 }
 
+// Nodes 1..n, node i in slot i - 1, with disks 0..disks - 1 and minNodes 1.
+inline CommittedState NodesState(int n, int disks = 0) {
+  CommittedState s;
+  for (int i = 0; i < n; i++) s.config.nodes.push_back(NodeDescriptor{i + 1, i, 0, true});
+  for (int j = 0; j < disks; j++) s.config.disks.push_back(j);
+  s.config.minNodes = 1;
+  return s;
+}
+
 #endif  // TESTS_SUPPORT_SAMPLES_H

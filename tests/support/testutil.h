@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/spawn.h"
+#include "zel/zelutils.h"
 
 // A fresh directory under /tmp, removed with everything in it on destruction
 // (by the process that made it: a forked child leaves it alone).
@@ -50,6 +51,14 @@ struct RunResult {
 // no standard input, and a bounded time (then it is killed).
 RunResult RunCommand(const std::vector<std::string>& argv, const EnvList& env = {},
                      int timeoutMs = 60000);
+
+// A local interface enumeration that finds 127.0.0.1 only.
+inline int OnlyLoopbackAddrs(IpAddrArray* out) {
+  IpAddr a;
+  IpAddr::parse("127.0.0.1", &a);
+  out->push_back(a);
+  return 0;
+}
 
 // Paths of the built executables.
 inline const char* KxzelBin() {
