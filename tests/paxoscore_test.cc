@@ -225,24 +225,27 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
   struct Case {
     const char* name;
     void (*setup)(Rig& rig, const Dblock& base);
+    const char* why;
   } cases[] = {
       {"two higher blocks of one seq with different states",
        [](Rig& rig, const Dblock& base) {
+         // Seen together on one disk before the node takes either.
          for (int d = 1; d < 3; d++) {
            Dblock b = base;
            b.seq = 3;
            b.committed.valueList["x"] = ValueVersion{d, "differs"};
-           rig.write(d, d + 1, d, b);
-           rig.write(0, d + 1, d, b);
+           for (int disk = 1; disk < 3; disk++) rig.write(disk, d + 1, d, b);
          }
-       }},
+       },
+       "two blocks of one seq hold different states"},
       {"a decided input that breaks the version rule",
        [](Rig& rig, const Dblock& base) {
          Dblock b = base;
          b.mbal = b.bal = BallotNumber(2, 2);
          b.inp = ProposedUpdate(UpdateId(2, 1, 1), ValueUpdate("x", "bad"), 0);
          for (int d = 0; d < 3; d++) rig.write(d, 2, 1, b);
-       }},
+       },
+       "version"},
       {"a decided input of an unknown type",
        [](Rig& rig, const Dblock& base) {
          Dblock b = base;
@@ -250,7 +253,8 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
          b.inp.uid = UpdateId(2, 1, 1);
          b.inp.type = static_cast<ProposedUpdate::UpdateType>(200);
          for (int d = 0; d < 3; d++) rig.write(d, 2, 1, b);
-       }},
+       },
+       "type"},
   };
   for (const Case& c : cases) {
     Rig rig;
@@ -267,6 +271,7 @@ TEST(PaxosCore, FaultsAre148AndNeverStopTheProgram) {
     ASSERT_EQ(rig.done.size(), 1u) << c.name;
     EXPECT_EQ(rig.done[0].rc, 148) << c.name;
     EXPECT_NE(rig.core->describe().find("fault 148"), std::string::npos) << c.name;
+    EXPECT_NE(rig.core->describe().find(c.why), std::string::npos) << rig.core->describe();
   }
 }
 
