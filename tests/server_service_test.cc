@@ -178,7 +178,9 @@ TEST(ServerService, FilesRoundTrip) {
   struct Case {
     const char* name;
     size_t size;
-  } cases[] = {{"zel.nodes", 20}, {"empty", 0}, {"big", 1048577}, {"_priv", 5}};
+  } cases[] = {{"zel.nodes", 20}, {"empty", 0},    {"big", 1048577},           {"_priv", 5},
+               {"b4095", 4095},   {"b4096", 4096}, {"mib", 1048576},           {"odd", 2500000},
+               {"b4097", 4097},   {"one", 1},      {"huge", (4u << 20) + 1000}};
   for (const Case& k : cases) {
     std::string data(k.size, '\0');
     for (size_t i = 0; i < k.size; i++) data[i] = static_cast<char>(i * 7 + k.size);

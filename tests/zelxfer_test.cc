@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
+#include "platform/pfile.h"
 #include "support/testutil.h"
 #include "support/wirebodies.h"
 #include "support/wiretest.h"
@@ -22,6 +24,17 @@ std::string Pattern(size_t n) {
   for (size_t i = 0; i < n; i++) s[i] = static_cast<char>((i * 131 + i / 7) & 0xff);
   return s;
 }
+
+// A file system without direct I/O.
+class RefuseDirect : public PlatFsOps {
+ public:
+  RefuseDirect() { old_ = PlatSetFsOps(this); }
+  ~RefuseDirect() override { PlatSetFsOps(old_); }
+  int setDirect(int fd, bool on) override { return on ? EINVAL : PlatFsOps::setDirect(fd, on); }
+
+ private:
+  PlatFsOps* old_;
+};
 
 class ZelXferTest : public WireTest {
  protected:
@@ -97,24 +110,30 @@ TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
   }
 }
 
+// Around the block size, the chunk size and the direct writer's buffer, and
+// with a file system that refuses direct I/O.
 TEST_F(ZelXferTest, ReceiveFileSizes) {
-  for (size_t size : {size_t(0), size_t(2500000)}) {
-    FakeServer srv;
-    std::string data = Pattern(size);
-    srv.expect(MSG_TYPE_FGET);
-    // A stray message during the data phase is dropped (with size 0 there is none).
-    if (size > 0) srv.reply(MSG_TYPE_OK);
-    srv.sendFile(data, 0, 700000);
-    Connection* k = connect(srv);
-    std::string target = dir_.file("got" + std::to_string(size));
-    unsigned int crc = 0;
-    bool localErr = true;
-    EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
-    EXPECT_FALSE(localErr);
-    EXPECT_EQ(crc, Crc(data));
-    EXPECT_TRUE(ReadFile(target) == data) << size;
+  const size_t sizes[] = {0, 1, 4095, 4096, 4097, 1048576, 1048577, 2500000, (4u << 20) + 1000};
+  for (bool refuse : {false, true}) {
+    std::unique_ptr<RefuseDirect> r(refuse ? new RefuseDirect : nullptr);
+    for (size_t size : sizes) {
+      FakeServer srv;
+      std::string data = Pattern(size);
+      srv.expect(MSG_TYPE_FGET);
+      // A stray message during the data phase is dropped (with size 0 there is none).
+      if (size > 0) srv.reply(MSG_TYPE_OK);
+      srv.sendFile(data, 0, 700000);
+      Connection* k = connect(srv);
+      std::string target = dir_.file("got" + std::to_string(size) + (refuse ? "r" : ""));
+      unsigned int crc = 0;
+      bool localErr = true;
+      EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
+      EXPECT_FALSE(localErr);
+      EXPECT_EQ(crc, Crc(data));
+      EXPECT_TRUE(ReadFile(target) == data) << size << (refuse ? " refused" : "");
+    }
   }
-  EXPECT_EQ(ListDir(dir_.path()).size(), 2u);  // no temporary file left
+  EXPECT_EQ(ListDir(dir_.path()).size(), 2 * 9u);  // no temporary file left
 }
 
 // A bad checksum, a broken exchange or more bytes than announced fail and leave

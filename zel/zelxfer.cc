@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/pdirect.h"
 #include "platform/pfile.h"
 #include "platform/ptemp.h"
 #include "zel/paxosutils.h"
@@ -46,6 +47,14 @@ int writeAll(int fd, const char* buf, size_t len, size_t* put) {
     *put += n;
   }
   return 0;
+}
+
+int writeFailed(const char* shownName, int rc, size_t put, int len, bool* localErr) {
+  trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
+  SetErrorCause("cannot write '%s': %s", shownName,
+                rc == E_XFER_FAILED ? "nothing written" : PlatStrError(rc));
+  *localErr = true;
+  return rc;
 }
 
 }  // namespace
@@ -190,6 +199,10 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
     fd = tmp.fd();
   }
   const char* shownName = toStdout ? "<stdout>" : tmp.path().c_str();
+  // A file goes direct: writing it into fresh page-cache pages costs more than
+  // the disk does, and what a later reader needs is read back soon enough.
+  PlatDirectWriter out;
+  if (!toStdout) out.start(fd, fSize);
 
   Body body;
   int type = 0, len = 0;
@@ -209,20 +222,22 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
       return E_XFER_FAILED;
     }
     size_t put = 0;
-    rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
-    if (rc != 0) {
-      trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
-      SetErrorCause("cannot write '%s': %s", shownName,
-                    rc == E_XFER_FAILED ? "nothing written" : PlatStrError(rc));
-      *localErr = true;
-      return rc;
+    if (toStdout) {
+      rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
+    } else {
+      rc = out.write(body.p, static_cast<size_t>(len));
     }
+    if (rc != 0) return writeFailed(shownName, rc, put, len, localErr);
     received += len;
     progress(received, fSize);
     *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
                        *crcP);
   }
   *crcP = finalcrc(*crcP, static_cast<unsigned long>(received));
+  if (!toStdout) {
+    int rc = out.finish();
+    if (rc != 0) return writeFailed(shownName, rc, 0, 0, localErr);
+  }
 
   int rc = conn->receive(&type, body.out(), &len);
   if (rc != 0) return rc;
