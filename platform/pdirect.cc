@@ -99,32 +99,27 @@ int PlatDirectWriter::finish() {
   return rc;
 }
 
-int PlatFileReader::start(int fd, long long size, size_t chunk, bool evenIfCached) {
+void PlatFileReader::start(int fd, long long size, size_t chunk, bool evenIfCached) {
   fd_ = fd;
   direct_ = false;
   size_ = size;
   off_ = 0;
   chunk_ = chunk;
-  size_t want = static_cast<size_t>(std::min<long long>(size, static_cast<long long>(chunk)));
-  if (want == 0) return 0;
-  if (buf_.alloc(want) != 0) return ENOMEM;
   if (size >= static_cast<long long>(chunk) &&
       (evenIfCached || PlatCachedBytes(fd, size) < size / 2)) {
     direct_ = PlatSetDirect(fd, true) == 0;
   }
-  return 0;
 }
 
-int PlatFileReader::next(const char** data, size_t* len) {
+int PlatFileReader::next(char* buf, size_t* len) {
   size_t want = static_cast<size_t>(std::min<long long>(size_ - off_, chunk_));
-  *data = buf_.data();
   *len = want;
   size_t got = 0;
   if (direct_) {
     // A whole number of blocks; the read stops at the end of the file.
     size_t ask = roundUp(want);
     while (got < want) {
-      ssize_t n = ::pread(fd_, buf_.data() + got, ask - got, off_ + static_cast<off_t>(got));
+      ssize_t n = ::pread(fd_, buf + got, ask - got, off_ + static_cast<off_t>(got));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && errno == EINVAL && got == 0) {
         direct_ = false;
@@ -139,7 +134,7 @@ int PlatFileReader::next(const char** data, size_t* len) {
     }
   }
   if (!direct_) {
-    int rc = PlatPread(fd_, buf_.data(), want, off_, &got);
+    int rc = PlatPread(fd_, buf, want, off_, &got);
     if (rc != 0) return rc;
   }
   if (got < want) return EIO;

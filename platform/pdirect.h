@@ -66,11 +66,11 @@ class PlatFileReader {
   // fd open for reading (its flags are changed: give it a descriptor of its
   // own); chunk: the largest read, a multiple of kPlatDirectAlign. Files
   // smaller than a chunk are read buffered; evenIfCached reads the others
-  // direct whatever the page cache holds. 0 or ENOMEM.
-  int start(int fd, long long size, size_t chunk, bool evenIfCached = false);
-  // The next chunk of min(chunk, rest) bytes into *data (valid until the next
-  // call). EIO when the file ends early.
-  int next(const char** data, size_t* len);
+  // direct whatever the page cache holds.
+  void start(int fd, long long size, size_t chunk, bool evenIfCached = false);
+  // The next chunk of min(chunk, rest) bytes into buf, an aligned buffer of at
+  // least chunk bytes. EIO when the file ends early.
+  int next(char* buf, size_t* len);
   // Leaves fd without O_DIRECT.
   void finish();
   bool direct() const { return direct_; }
@@ -81,7 +81,6 @@ class PlatFileReader {
   long long size_ = 0;
   off_t off_ = 0;
   size_t chunk_ = 0;
-  PlatAlignedBuf buf_;
 };
 
 // Bytes of fd's first size bytes that are in the page cache (0 when it cannot

@@ -1,11 +1,11 @@
 // Reads: values, the file list, files, the node list for discovery, and file
 // transfers between nodes.
 
-#include "platform/pdirect.h"
 #include "platform/pfile.h"
 #include "server/globals.h"
 #include "server/service.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 #include "zel/zelutils.h"
@@ -51,7 +51,7 @@ int openCurrent(Globals& g, int fileId, int* seq, CommittedState* s, OpenFile* f
 bool Service::sendFileFd(ServerConnection& c, int fd, long long size, unsigned int crc) {
   // A copy no longer in the page cache (written direct) is read direct too:
   // filling fresh pages would cost more than the disk.
-  PlatFileReader in;
+  ReadAhead in;
   if (in.start(fd, size, kXferChunkBytes) != 0) {
     trace(0, "no buffer to send a committed file of %lld bytes", size);
     c.setBroken();

@@ -110,10 +110,12 @@ TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
   }
 }
 
-// Around the block size, the chunk size and the direct writer's buffer, and
-// with a file system that refuses direct I/O.
+// Around the block size, the chunk size and the direct writer's buffer, past
+// the size that writes behind on a thread, and with a file system that
+// refuses direct I/O.
 TEST_F(ZelXferTest, ReceiveFileSizes) {
-  const size_t sizes[] = {0, 1, 4095, 4096, 4097, 1048576, 1048577, 2500000, (4u << 20) + 1000};
+  const size_t sizes[] = {
+      0, 1, 4095, 4096, 4097, 1048576, 1048577, 2500000, (4u << 20) + 1000, (8u << 20) + 1000};
   for (bool refuse : {false, true}) {
     std::unique_ptr<RefuseDirect> r(refuse ? new RefuseDirect : nullptr);
     for (size_t size : sizes) {
@@ -133,7 +135,7 @@ TEST_F(ZelXferTest, ReceiveFileSizes) {
       EXPECT_TRUE(ReadFile(target) == data) << size << (refuse ? " refused" : "");
     }
   }
-  EXPECT_EQ(ListDir(dir_.path()).size(), 2 * 9u);  // no temporary file left
+  EXPECT_EQ(ListDir(dir_.path()).size(), 2 * 10u);  // no temporary file left
 }
 
 // A bad checksum, a broken exchange or more bytes than announced fail and leave

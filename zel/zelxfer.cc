@@ -7,10 +7,10 @@
 #include <memory>
 #include <new>
 
-#include "platform/pdirect.h"
 #include "platform/pfile.h"
 #include "platform/ptemp.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
@@ -201,7 +201,7 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
   const char* shownName = toStdout ? "<stdout>" : tmp.path().c_str();
   // A file goes direct: writing it into fresh page-cache pages costs more than
   // the disk does, and what a later reader needs is read back soon enough.
-  PlatDirectWriter out;
+  WriteBehind out;
   if (!toStdout) out.start(fd, fSize);
 
   Body body;
@@ -221,17 +221,18 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
       conn->setBroken();
       return E_XFER_FAILED;
     }
+    *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
+                       *crcP);
     size_t put = 0;
     if (toStdout) {
       rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
     } else {
       rc = out.write(body.p, static_cast<size_t>(len));
+      body.p = nullptr;  // the writer's now
     }
     if (rc != 0) return writeFailed(shownName, rc, put, len, localErr);
     received += len;
     progress(received, fSize);
-    *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
-                       *crcP);
   }
   *crcP = finalcrc(*crcP, static_cast<unsigned long>(received));
   if (!toStdout) {

@@ -1,0 +1,152 @@
+#include "zel/xferpipe.h"
+
+#include <errno.h>
+
+#include <algorithm>
+
+namespace {
+
+// Below this the thread costs more than the overlap gains.
+constexpr long long kPipeMinBytes = 8 << 20;
+// Received bytes that may wait for the disk.
+constexpr size_t kWriteBehindBytes = 8 << 20;
+
+}  // namespace
+
+ReadAhead::~ReadAhead() {
+  if (!threaded_) return;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    stop_ = true;
+  }
+  cv_.notify_all();
+  pthread_join(thread_, nullptr);
+}
+
+int ReadAhead::start(int fd, long long size, size_t chunk) {
+  reader_.start(fd, size, chunk);
+  chunks_ = (size + static_cast<long long>(chunk) - 1) / static_cast<long long>(chunk);
+  nSlots_ = size >= kPipeMinBytes ? kSlots : 1;
+  for (int i = 0; i < nSlots_ && chunks_ > 0; i++) {
+    if (slots_[i].buf.alloc(chunk) != 0) {
+      if (i == 0) return ENOMEM;
+      nSlots_ = i;
+    }
+  }
+  threaded_ = nSlots_ > 1 && pthread_create(&thread_, nullptr, &ReadAhead::run, this) == 0;
+  return 0;
+}
+
+void* ReadAhead::run(void* self) {
+  static_cast<ReadAhead*>(self)->readAll();
+  return nullptr;
+}
+
+void ReadAhead::readAll() {
+  std::unique_lock<std::mutex> lk(mu_);
+  while (produced_ < chunks_) {
+    // The slot of the chunk handed out last stays the caller's until its next call.
+    cv_.wait(lk, [&] { return stop_ || produced_ - consumed_ < nSlots_ - 1; });
+    if (stop_) return;
+    Slot& s = slots_[produced_ % nSlots_];
+    lk.unlock();
+    s.rc = reader_.next(s.buf.data(), &s.len);
+    lk.lock();
+    produced_++;
+    cv_.notify_all();
+    if (s.rc != 0) return;
+  }
+}
+
+int ReadAhead::next(const char** data, size_t* len) {
+  Slot& s = slots_[consumed_ % nSlots_];
+  if (!threaded_) {
+    s.rc = reader_.next(s.buf.data(), &s.len);
+  } else {
+    std::unique_lock<std::mutex> lk(mu_);
+    cv_.wait(lk, [&] { return produced_ > consumed_; });
+  }
+  *data = s.buf.data();
+  *len = s.len;
+  int rc = s.rc;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    consumed_++;
+  }
+  cv_.notify_all();
+  return rc;
+}
+
+WriteBehind::~WriteBehind() {
+  if (threaded_) {
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      stop_ = true;
+      if (err_ == 0) err_ = ECANCELED;  // abandoned: what is queued need not be written
+    }
+    cv_.notify_all();
+    pthread_join(thread_, nullptr);
+  }
+  for (auto& e : queue_) delete[] e.first;
+}
+
+void WriteBehind::start(int fd, long long expected) {
+  out_.start(fd, expected);
+  threaded_ =
+      expected >= kPipeMinBytes && pthread_create(&thread_, nullptr, &WriteBehind::run, this) == 0;
+}
+
+void* WriteBehind::run(void* self) {
+  static_cast<WriteBehind*>(self)->writeAll();
+  return nullptr;
+}
+
+void WriteBehind::writeAll() {
+  std::unique_lock<std::mutex> lk(mu_);
+  for (;;) {
+    cv_.wait(lk, [&] { return stop_ || !queue_.empty(); });
+    if (queue_.empty()) return;  // stopped, nothing left
+    std::pair<char*, size_t> e = queue_.front();
+    queue_.pop_front();
+    bool skip = err_ != 0;
+    lk.unlock();
+    int rc = skip ? 0 : out_.write(e.first, e.second);
+    delete[] e.first;
+    lk.lock();
+    if (err_ == 0) err_ = rc;
+    queued_ -= e.second;
+    cv_.notify_all();
+  }
+}
+
+int WriteBehind::write(char* p, size_t len) {
+  if (!threaded_) {
+    int rc = out_.write(p, len);
+    delete[] p;
+    return rc;
+  }
+  std::unique_lock<std::mutex> lk(mu_);
+  cv_.wait(lk, [&] { return err_ != 0 || queued_ < kWriteBehindBytes; });
+  if (err_ != 0) {
+    delete[] p;
+    return err_;
+  }
+  queue_.emplace_back(p, len);
+  queued_ += len;
+  cv_.notify_all();
+  return 0;
+}
+
+int WriteBehind::finish() {
+  if (threaded_) {
+    {
+      std::unique_lock<std::mutex> lk(mu_);
+      stop_ = true;
+      cv_.notify_all();
+    }
+    pthread_join(thread_, nullptr);
+    threaded_ = false;
+    if (err_ != 0) return err_;
+  }
+  return out_.finish();
+}

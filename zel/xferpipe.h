@@ -1,0 +1,81 @@
+// Overlaps the disk with the connection in large transfers: a thread of its
+// own reads the next chunks of a file ahead of the sender, or writes received
+// chunks behind the receiver, so that neither waits for the other. When the
+// file is small or the thread cannot be started, the same calls do the work
+// in place.
+#ifndef ZEL_XFERPIPE_H
+#define ZEL_XFERPIPE_H
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "platform/pdirect.h"
+
+class ReadAhead {
+ public:
+  ReadAhead() = default;
+  ~ReadAhead();
+  ReadAhead(const ReadAhead&) = delete;
+  ReadAhead& operator=(const ReadAhead&) = delete;
+  // fd: a descriptor of its own (see PlatFileReader), size bytes read in chunks
+  // of chunk bytes (a multiple of kPlatDirectAlign). 0 or ENOMEM.
+  int start(int fd, long long size, size_t chunk);
+  // The next chunk, valid until the next call. The errors of PlatFileReader.
+  int next(const char** data, size_t* len);
+
+ private:
+  static constexpr int kSlots = 4;
+  struct Slot {
+    PlatAlignedBuf buf;
+    size_t len = 0;
+    int rc = 0;
+  };
+  static void* run(void* self);
+  void readAll();
+
+  PlatFileReader reader_;
+  Slot slots_[kSlots];
+  int nSlots_ = 0;
+  long long chunks_ = 0;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  long long produced_ = 0;  // chunks read into slots
+  long long consumed_ = 0;  // chunks handed out
+  bool stop_ = false;
+  bool threaded_ = false;
+  pthread_t thread_{};
+};
+
+class WriteBehind {
+ public:
+  WriteBehind() = default;
+  ~WriteBehind();
+  WriteBehind(const WriteBehind&) = delete;
+  WriteBehind& operator=(const WriteBehind&) = delete;
+  // As PlatDirectWriter::start.
+  void start(int fd, long long expected);
+  // Takes p (from new[]) and writes it after what came before. 0, or the error
+  // of an earlier write.
+  int write(char* p, size_t len);
+  // Waits for every write and leaves fd as PlatDirectWriter::finish does.
+  int finish();
+
+ private:
+  static void* run(void* self);
+  void writeAll();
+
+  PlatDirectWriter out_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::deque<std::pair<char*, size_t>> queue_;
+  size_t queued_ = 0;  // bytes in queue_ and in the write under way
+  int err_ = 0;
+  bool stop_ = false;
+  bool threaded_ = false;
+  pthread_t thread_{};
+};
+
+#endif  // ZEL_XFERPIPE_H
