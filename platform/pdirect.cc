@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "platform/pfile.h"
@@ -44,21 +45,25 @@ void PlatDirectWriter::start(int fd, long long expected) {
   held_ = 0;
   off_ = 0;
   if (expected < static_cast<long long>(kPlatDirectAlign)) return;
-  size_t want = std::min(kWriterBufBytes, roundUp(static_cast<size_t>(expected)));
-  if (buf_.alloc(want) != 0) return;
+  bufBytes_ = std::min(kWriterBufBytes, roundUp(static_cast<size_t>(expected)));
   direct_ = PlatSetDirect(fd, true) == 0;
 }
 
-int PlatDirectWriter::flush(size_t len) {
-  int rc = PlatPwrite(fd_, buf_.data(), len, off_);
-  if (rc == EINVAL) {
+int PlatDirectWriter::put(const char* p, size_t len) {
+  int rc = PlatPwrite(fd_, p, len, off_);
+  if (rc == EINVAL && direct_) {
     // Refused after all (an alignment this file system does not take): buffered.
     direct_ = false;
     rc = PlatSetDirect(fd_, false);
-    if (rc == 0) rc = PlatPwrite(fd_, buf_.data(), len, off_);
+    if (rc == 0) rc = PlatPwrite(fd_, p, len, off_);
   }
+  if (rc == 0) off_ += static_cast<off_t>(len);
+  return rc;
+}
+
+int PlatDirectWriter::flush(size_t len) {
+  int rc = put(buf_.data(), len);
   if (rc != 0) return rc;
-  off_ += static_cast<off_t>(len);
   held_ -= len;
   memmove(buf_.data(), buf_.data() + len, held_);
   return 0;
@@ -67,10 +72,22 @@ int PlatDirectWriter::flush(size_t len) {
 int PlatDirectWriter::write(const void* p, size_t len) {
   const char* s = static_cast<const char*>(p);
   while (len > 0) {
-    if (!direct_ && held_ == 0) {
-      int rc = PlatPwrite(fd_, s, len, off_);
-      if (rc == 0) off_ += static_cast<off_t>(len);
-      return rc;
+    bool aligned = reinterpret_cast<uintptr_t>(s) % kPlatDirectAlign == 0;
+    if (held_ == 0 && (!direct_ || (aligned && len >= kPlatDirectAlign))) {
+      // Straight from the caller's memory: buffered, or whole blocks of an aligned buffer.
+      size_t n = direct_ ? len - len % kPlatDirectAlign : len;
+      int rc = put(s, n);
+      if (rc != 0) return rc;
+      s += n;
+      len -= n;
+      continue;
+    }
+    if (buf_.data() == nullptr && buf_.alloc(bufBytes_) != 0) {
+      // Nothing is held without a buffer: the rest goes buffered.
+      direct_ = false;
+      int rc = PlatSetDirect(fd_, false);
+      if (rc != 0) return rc;
+      continue;
     }
     size_t n = std::min(len, buf_.size() - held_);
     memcpy(buf_.data() + held_, s, n);

@@ -32,9 +32,10 @@ class PlatAlignedBuf {
   size_t len_ = 0;
 };
 
-// Writes a new file from offset 0 in order. Whole aligned blocks go direct;
-// the tail that is not a whole block is written after direct I/O is turned off
-// again, so that the file ends up exactly as long as what was given. Direct
+// Writes a new file from offset 0 in order. Whole aligned blocks go direct,
+// from the caller's memory when it is aligned, else through a buffer; the tail
+// that is not a whole block is written after direct I/O is turned off again,
+// so that the file ends up exactly as long as what was given. Direct
 // writes reach the disk but not past its cache: durability still needs fsync.
 class PlatDirectWriter {
  public:
@@ -49,13 +50,15 @@ class PlatDirectWriter {
   bool direct() const { return direct_; }
 
  private:
+  int put(const char* p, size_t len);
   int flush(size_t len);
 
   int fd_ = -1;
   bool direct_ = false;
-  PlatAlignedBuf buf_;
-  size_t held_ = 0;  // bytes in buf_ not written yet
-  off_t off_ = 0;    // where buf_ goes in the file
+  size_t bufBytes_ = 0;
+  PlatAlignedBuf buf_;  // for what is not whole aligned blocks; allocated when first needed
+  size_t held_ = 0;     // bytes in buf_ not written yet
+  off_t off_ = 0;       // where buf_ goes in the file
 };
 
 // Reads a file of known size from offset 0 in chunks: direct when the file

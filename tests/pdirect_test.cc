@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -39,29 +40,37 @@ const size_t kSizes[] = {0, 1, 4095, 4096, 4097, 8192, 12289, (4u << 20) + 1000}
 
 }  // namespace
 
-// Written in uneven pieces across the writer's 4 MiB buffer; every byte lands
-// and the file is exactly as long, direct or refused.
+// Written in uneven pieces across the writer's 4 MiB buffer, or in 1 MiB
+// pieces of an aligned buffer (written in place); every byte lands and the file
+// is exactly as long, direct or refused.
 TEST(PlatDirect, WriterKeepsEveryByte) {
   TempDir dir;
+  PlatAlignedBuf aligned;
+  ASSERT_EQ(aligned.alloc(kSizes[sizeof kSizes / sizeof kSizes[0] - 1]), 0);
   for (bool refuse : {false, true}) {
-    for (size_t size : kSizes) {
-      std::unique_ptr<RefuseDirect> r(refuse ? new RefuseDirect : nullptr);
-      std::string data = Pattern(size), path = dir.file("w" + std::to_string(size));
-      int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-      ASSERT_GE(fd, 0);
-      PlatDirectWriter w;
-      w.start(fd, static_cast<long long>(size));
-      if (refuse) {
-        EXPECT_FALSE(w.direct()) << size;
+    for (bool inPlace : {false, true}) {
+      for (size_t size : kSizes) {
+        std::unique_ptr<RefuseDirect> r(refuse ? new RefuseDirect : nullptr);
+        std::string data = Pattern(size), path = dir.file("w" + std::to_string(size));
+        const char* src = data.data();
+        if (inPlace) src = static_cast<const char*>(memcpy(aligned.data(), data.data(), size));
+        const size_t piece = inPlace ? 1 << 20 : 700001;
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        PlatDirectWriter w;
+        w.start(fd, static_cast<long long>(size));
+        if (refuse) {
+          EXPECT_FALSE(w.direct()) << size;
+        }
+        for (size_t off = 0; off < size; off += piece) {
+          ASSERT_EQ(w.write(src + off, std::min(piece, size - off)), 0) << size;
+        }
+        ASSERT_EQ(w.finish(), 0) << size;
+        EXPECT_FALSE(HasDirectFlag(fd)) << size;
+        close(fd);
+        EXPECT_TRUE(ReadFile(path) == data)
+            << size << (refuse ? " refused" : "") << (inPlace ? " in place" : "");
       }
-      for (size_t off = 0; off < size; off += 700001) {
-        size_t n = std::min<size_t>(700001, size - off);
-        ASSERT_EQ(w.write(data.data() + off, n), 0) << size;
-      }
-      ASSERT_EQ(w.finish(), 0) << size;
-      EXPECT_FALSE(HasDirectFlag(fd)) << size;
-      close(fd);
-      EXPECT_TRUE(ReadFile(path) == data) << size << (refuse ? " refused" : "");
     }
   }
 }

@@ -27,10 +27,11 @@ TEST(XferPipe, WriteBehindReportsTheDisksError) {
   int fd = open(path.c_str(), O_RDONLY);
   ASSERT_GE(fd, 0);
   const size_t piece = 1 << 20;
+  std::string zeros(piece, '\0');
   WriteBehind out;
   out.start(fd, 16 * piece);
   int rc = 0;
-  for (int i = 0; i < 16 && rc == 0; i++) rc = out.write(new char[piece](), piece);
+  for (int i = 0; i < 16 && rc == 0; i++) rc = out.write(zeros.data(), piece);
   if (rc == 0) rc = out.finish();
   EXPECT_EQ(rc, EBADF);
   close(fd);

@@ -2,14 +2,16 @@
 
 #include <errno.h>
 
+#include <string.h>
+
 #include <algorithm>
 
 namespace {
 
 // Below this the thread costs more than the overlap gains.
 constexpr long long kPipeMinBytes = 8 << 20;
-// Received bytes that may wait for the disk.
-constexpr size_t kWriteBehindBytes = 8 << 20;
+// Received bytes wait for the disk in kSlots of these.
+constexpr size_t kSlotBytes = 2 << 20;
 
 }  // namespace
 
@@ -78,22 +80,22 @@ int ReadAhead::next(const char** data, size_t* len) {
 }
 
 WriteBehind::~WriteBehind() {
-  if (threaded_) {
-    {
-      std::lock_guard<std::mutex> g(mu_);
-      stop_ = true;
-      if (err_ == 0) err_ = ECANCELED;  // abandoned: what is queued need not be written
-    }
-    cv_.notify_all();
-    pthread_join(thread_, nullptr);
+  if (!threaded_) return;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    stop_ = true;
+    if (err_ == 0) err_ = ECANCELED;  // abandoned: what is left need not be written
   }
-  for (auto& e : queue_) delete[] e.first;
+  cv_.notify_all();
+  pthread_join(thread_, nullptr);
 }
 
 void WriteBehind::start(int fd, long long expected) {
   out_.start(fd, expected);
-  threaded_ =
-      expected >= kPipeMinBytes && pthread_create(&thread_, nullptr, &WriteBehind::run, this) == 0;
+  if (expected < kPipeMinBytes) return;
+  for (PlatAlignedBuf& b : slots_)
+    if (b.alloc(kSlotBytes) != 0) return;
+  threaded_ = pthread_create(&thread_, nullptr, &WriteBehind::run, this) == 0;
 }
 
 void* WriteBehind::run(void* self) {
@@ -104,49 +106,59 @@ void* WriteBehind::run(void* self) {
 void WriteBehind::writeAll() {
   std::unique_lock<std::mutex> lk(mu_);
   for (;;) {
-    cv_.wait(lk, [&] { return stop_ || !queue_.empty(); });
-    if (queue_.empty()) return;  // stopped, nothing left
-    std::pair<char*, size_t> e = queue_.front();
-    queue_.pop_front();
+    cv_.wait(lk, [&] { return stop_ || filled_ > written_; });
+    if (filled_ == written_) return;  // stopped, nothing left
+    int slot = static_cast<int>(written_ % kSlots);
     bool skip = err_ != 0;
     lk.unlock();
-    int rc = skip ? 0 : out_.write(e.first, e.second);
-    delete[] e.first;
+    int rc = skip ? 0 : out_.write(slots_[slot].data(), lens_[slot]);
     lk.lock();
     if (err_ == 0) err_ = rc;
-    queued_ -= e.second;
+    written_++;
     cv_.notify_all();
   }
 }
 
-int WriteBehind::write(char* p, size_t len) {
-  if (!threaded_) {
-    int rc = out_.write(p, len);
-    delete[] p;
-    return rc;
-  }
+int WriteBehind::submit() {
   std::unique_lock<std::mutex> lk(mu_);
-  cv_.wait(lk, [&] { return err_ != 0 || queued_ < kWriteBehindBytes; });
-  if (err_ != 0) {
-    delete[] p;
-    return err_;
-  }
-  queue_.emplace_back(p, len);
-  queued_ += len;
+  lens_[filled_ % kSlots] = filling_;
+  filled_++;
+  filling_ = 0;
   cv_.notify_all();
+  // The next slot to fill must be free.
+  cv_.wait(lk, [&] { return err_ != 0 || filled_ - written_ < kSlots; });
+  return err_;
+}
+
+int WriteBehind::write(const char* p, size_t len) {
+  if (!threaded_) return out_.write(p, len);
+  while (len > 0) {
+    PlatAlignedBuf& b = slots_[filled_ % kSlots];
+    size_t n = std::min(len, b.size() - filling_);
+    memcpy(b.data() + filling_, p, n);
+    filling_ += n;
+    p += n;
+    len -= n;
+    if (filling_ == b.size()) {
+      int rc = submit();
+      if (rc != 0) return rc;
+    }
+  }
   return 0;
 }
 
 int WriteBehind::finish() {
   if (threaded_) {
+    int rc = filling_ > 0 ? submit() : 0;
     {
-      std::unique_lock<std::mutex> lk(mu_);
+      std::lock_guard<std::mutex> g(mu_);
       stop_ = true;
-      cv_.notify_all();
     }
+    cv_.notify_all();
     pthread_join(thread_, nullptr);
     threaded_ = false;
-    if (err_ != 0) return err_;
+    if (rc == 0) rc = err_;
+    if (rc != 0) return rc;
   }
   return out_.finish();
 }

@@ -9,7 +9,6 @@
 #include <pthread.h>
 
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 
 #include "platform/pdirect.h"
@@ -57,21 +56,27 @@ class WriteBehind {
   WriteBehind& operator=(const WriteBehind&) = delete;
   // As PlatDirectWriter::start.
   void start(int fd, long long expected);
-  // Takes p (from new[]) and writes it after what came before. 0, or the error
-  // of an earlier write.
-  int write(char* p, size_t len);
+  // Copies p to be written after what came before. 0, or the error of an
+  // earlier write.
+  int write(const char* p, size_t len);
   // Waits for every write and leaves fd as PlatDirectWriter::finish does.
   int finish();
 
  private:
+  static constexpr int kSlots = 4;
   static void* run(void* self);
   void writeAll();
+  int submit();  // hands the slot being filled to the thread
 
   PlatDirectWriter out_;
+  // Aligned, so that whole slots go to the disk without another copy.
+  PlatAlignedBuf slots_[kSlots];
+  size_t lens_[kSlots] = {};
+  size_t filling_ = 0;  // bytes in the slot being filled (number filled_)
   std::mutex mu_;
   std::condition_variable cv_;
-  std::deque<std::pair<char*, size_t>> queue_;
-  size_t queued_ = 0;  // bytes in queue_ and in the write under way
+  long long filled_ = 0;   // slots handed to the thread
+  long long written_ = 0;  // slots the thread is done with
   int err_ = 0;
   bool stop_ = false;
   bool threaded_ = false;

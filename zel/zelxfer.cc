@@ -228,7 +228,6 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
       rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
     } else {
       rc = out.write(body.p, static_cast<size_t>(len));
-      body.p = nullptr;  // the writer's now
     }
     if (rc != 0) return writeFailed(shownName, rc, put, len, localErr);
     received += len;
