@@ -154,7 +154,7 @@ int PlatFileReader::next(char* buf, size_t* len) {
     int rc = PlatPread(fd_, buf, want, off_, &got);
     if (rc != 0) return rc;
   }
-  if (got < want) return EIO;
+  if (got < want) return ENODATA;
   off_ += static_cast<off_t>(want);
   return 0;
 }

@@ -72,7 +72,7 @@ class PlatFileReader {
   // direct whatever the page cache holds.
   void start(int fd, long long size, size_t chunk, bool evenIfCached = false);
   // The next chunk of min(chunk, rest) bytes into buf, an aligned buffer of at
-  // least chunk bytes. EIO when the file ends early.
+  // least chunk bytes. ENODATA when the file ends early.
   int next(char* buf, size_t* len);
   // Leaves fd without O_DIRECT.
   void finish();

@@ -111,7 +111,7 @@ TEST(PlatDirect, ReaderChunksAndShortFile) {
           EXPECT_EQ(rc, 0) << size;
           EXPECT_TRUE(got == data) << size << (refuse ? " refused" : "");
         } else {
-          EXPECT_EQ(rc, EIO) << announced;
+          EXPECT_EQ(rc, ENODATA) << announced;
         }
       }
     }

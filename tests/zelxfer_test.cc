@@ -110,6 +110,40 @@ TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
   }
 }
 
+// Changed after its first chunk went out, read in place or ahead on a thread:
+// still no "fcrc".
+std::string changingPath;
+long long changeTo = 0;
+void changeOnce(long long, long long) {
+  if (changeTo < 0) return;
+  EXPECT_EQ(truncate(changingPath.c_str(), changeTo), 0);
+  changeTo = -1;
+}
+
+TEST_F(ZelXferTest, FileChangedMidTransferSendsNoCrc) {
+  for (long long size : {3LL << 20, 10LL << 20}) {
+    for (long long to : {size / 2, size + 1}) {
+      FakeServer srv;
+      srv.expect(MSG_TYPE_FPUT).receiveCutFile();
+      changingPath = dir_.file("src");
+      WriteFile(changingPath, Pattern(static_cast<size_t>(size)));
+      changeTo = to;
+      SetXferProgress(changeOnce);
+      Connection* k = connect(srv, MSG_TYPE_FPUT);
+      bool localErr = false;
+      EXPECT_EQ(E_XFER_FAILED, sendFile(k, changingPath, size, &localErr)) << size << " " << to;
+      SetXferProgress(nullptr);
+      EXPECT_TRUE(localErr);
+      delete conn_;
+      conn_ = nullptr;
+      ASSERT_TRUE(srv.waitDone(5000));
+      auto files = srv.files();
+      ASSERT_EQ(1u, files.size());
+      EXPECT_LE(files[0].data.size(), static_cast<size_t>(size));
+    }
+  }
+}
+
 // Around the block size, the chunk size and the direct writer's buffer, past
 // the size that writes behind on a thread, and with a file system that
 // refuses direct I/O.

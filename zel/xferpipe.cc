@@ -16,13 +16,20 @@ constexpr size_t kSlotBytes = 2 << 20;
 }  // namespace
 
 ReadAhead::~ReadAhead() {
-  if (!threaded_) return;
-  {
-    std::lock_guard<std::mutex> g(mu_);
-    stop_ = true;
+  finish();
+}
+
+void ReadAhead::finish() {
+  if (threaded_) {
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      stop_ = true;
+    }
+    cv_.notify_all();
+    pthread_join(thread_, nullptr);
+    threaded_ = false;
   }
-  cv_.notify_all();
-  pthread_join(thread_, nullptr);
+  reader_.finish();
 }
 
 int ReadAhead::start(int fd, long long size, size_t chunk) {
@@ -30,7 +37,7 @@ int ReadAhead::start(int fd, long long size, size_t chunk) {
   chunks_ = (size + static_cast<long long>(chunk) - 1) / static_cast<long long>(chunk);
   nSlots_ = size >= kPipeMinBytes ? kSlots : 1;
   for (int i = 0; i < nSlots_ && chunks_ > 0; i++) {
-    if (slots_[i].buf.alloc(chunk) != 0) {
+    if (slots_[i].buf.alloc(static_cast<size_t>(std::min<long long>(size, chunk))) != 0) {
       if (i == 0) return ENOMEM;
       nSlots_ = i;
     }
@@ -46,6 +53,12 @@ void* ReadAhead::run(void* self) {
 
 void ReadAhead::readAll() {
   std::unique_lock<std::mutex> lk(mu_);
+  readChunks(lk);
+  ended_ = true;
+  cv_.notify_all();
+}
+
+void ReadAhead::readChunks(std::unique_lock<std::mutex>& lk) {
   while (produced_ < chunks_) {
     // The slot of the chunk handed out last stays the caller's until its next call.
     cv_.wait(lk, [&] { return stop_ || produced_ - consumed_ < nSlots_ - 1; });
@@ -56,7 +69,10 @@ void ReadAhead::readAll() {
     lk.lock();
     produced_++;
     cv_.notify_all();
-    if (s.rc != 0) return;
+    if (s.rc != 0) {
+      lastRc_ = s.rc;
+      return;
+    }
   }
 }
 
@@ -66,7 +82,9 @@ int ReadAhead::next(const char** data, size_t* len) {
     s.rc = reader_.next(s.buf.data(), &s.len);
   } else {
     std::unique_lock<std::mutex> lk(mu_);
-    cv_.wait(lk, [&] { return produced_ > consumed_; });
+    cv_.wait(lk, [&] { return produced_ > consumed_ || ended_; });
+    // Asked past an error or the end: nothing more will come.
+    if (produced_ == consumed_) return lastRc_ != 0 ? lastRc_ : ENODATA;
   }
   *data = s.buf.data();
   *len = s.len;

@@ -24,6 +24,8 @@ class ReadAhead {
   int start(int fd, long long size, size_t chunk);
   // The next chunk, valid until the next call. The errors of PlatFileReader.
   int next(const char** data, size_t* len);
+  // Stops reading ahead and leaves fd without O_DIRECT (as the destructor does).
+  void finish();
 
  private:
   static constexpr int kSlots = 4;
@@ -34,6 +36,7 @@ class ReadAhead {
   };
   static void* run(void* self);
   void readAll();
+  void readChunks(std::unique_lock<std::mutex>& lk);
 
   PlatFileReader reader_;
   Slot slots_[kSlots];
@@ -44,6 +47,8 @@ class ReadAhead {
   long long produced_ = 0;  // chunks read into slots
   long long consumed_ = 0;  // chunks handed out
   bool stop_ = false;
+  bool ended_ = false;  // the thread reads no more
+  int lastRc_ = 0;
   bool threaded_ = false;
   pthread_t thread_{};
 };
