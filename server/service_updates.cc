@@ -6,11 +6,11 @@
 #include <climits>
 #include <vector>
 
-#include "platform/pdirect.h"
 #include "platform/pfile.h"
 #include "server/globals.h"
 #include "server/service.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 
@@ -129,9 +129,9 @@ bool Service::fput(Req& r) {
   std::string staging;
   int fd = -1;
   int localErr = g_.files().createStaging(ask.uid, &staging, &fd);
-  // Direct: the staging file is synced before the proposal anyway, and filling
-  // page-cache pages would cost more than the disk.
-  PlatDirectWriter out;
+  // Direct, behind the receiving: the staging file is synced before the
+  // proposal anyway, and filling page-cache pages would cost more than the disk.
+  WriteBehind out;
   if (localErr == 0) out.start(fd, size);
   // Receives "fdata" up to "fcrc", then the client's "ok". A failure to store
   // is answered after the transfer; a peer that breaks the exchange is dropped.
@@ -161,6 +161,7 @@ bool Service::fput(Req& r) {
     delete[] body;
   }
   if (localErr == 0 && ended) localErr = out.finish();
+  out.cancel();  // before the close, whatever happened
   if (localErr == 0 && ended) localErr = PlatFsync(fd);
   if (fd >= 0) PlatClose(fd);
   int type = -1, len = 0;

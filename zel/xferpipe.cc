@@ -98,6 +98,10 @@ int ReadAhead::next(const char** data, size_t* len) {
 }
 
 WriteBehind::~WriteBehind() {
+  cancel();
+}
+
+void WriteBehind::cancel() {
   if (!threaded_) return;
   {
     std::lock_guard<std::mutex> g(mu_);
@@ -106,6 +110,7 @@ WriteBehind::~WriteBehind() {
   }
   cv_.notify_all();
   pthread_join(thread_, nullptr);
+  threaded_ = false;
 }
 
 void WriteBehind::start(int fd, long long expected) {

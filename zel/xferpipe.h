@@ -66,6 +66,9 @@ class WriteBehind {
   int write(const char* p, size_t len);
   // Waits for every write and leaves fd as PlatDirectWriter::finish does.
   int finish();
+  // Stops without writing what is left (as the destructor does): after it, fd
+  // may be closed.
+  void cancel();
 
  private:
   static constexpr int kSlots = 4;
