@@ -21,17 +21,6 @@ std::string Pattern(size_t n) {
   return s;
 }
 
-// A file system without direct I/O.
-class RefuseDirect : public PlatFsOps {
- public:
-  RefuseDirect() { old_ = PlatSetFsOps(this); }
-  ~RefuseDirect() override { PlatSetFsOps(old_); }
-  int setDirect(int fd, bool on) override { return on ? EINVAL : PlatFsOps::setDirect(fd, on); }
-
- private:
-  PlatFsOps* old_;
-};
-
 bool HasDirectFlag(int fd) {
   return (fcntl(fd, F_GETFL) & O_DIRECT) != 0;
 }

@@ -25,17 +25,6 @@ std::string Pattern(size_t n) {
   return s;
 }
 
-// A file system without direct I/O.
-class RefuseDirect : public PlatFsOps {
- public:
-  RefuseDirect() { old_ = PlatSetFsOps(this); }
-  ~RefuseDirect() override { PlatSetFsOps(old_); }
-  int setDirect(int fd, bool on) override { return on ? EINVAL : PlatFsOps::setDirect(fd, on); }
-
- private:
-  PlatFsOps* old_;
-};
-
 class ZelXferTest : public WireTest {
  protected:
   void TearDown() override {
