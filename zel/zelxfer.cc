@@ -195,8 +195,8 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
     fd = tmp.fd();
   }
   const char* shownName = toStdout ? "<stdout>" : tmp.path().c_str();
-  // A file goes direct: writing it into fresh page-cache pages costs more than
-  // the disk does, and what a later reader needs is read back soon enough.
+  // A file goes direct, behind the receiving: writing it into fresh page-cache
+  // pages would cost more than the disk does.
   WriteBehind out;
   if (!toStdout) out.start(fd, fSize);
 
