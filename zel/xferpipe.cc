@@ -1,7 +1,6 @@
 #include "zel/xferpipe.h"
 
 #include <errno.h>
-
 #include <string.h>
 
 #include <algorithm>
