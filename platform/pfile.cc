@@ -80,6 +80,13 @@ int PlatFsOps::syncDir(const char* dir) {
   return rc;
 }
 
+int PlatFsOps::setDirect(int fd, bool on) {
+  int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0) return errno;
+  flags = on ? flags | O_DIRECT : flags & ~O_DIRECT;
+  return ::fcntl(fd, F_SETFL, flags) < 0 ? errno : 0;
+}
+
 PlatFsOps* PlatSetFsOps(PlatFsOps* ops) {
   PlatFsOps* old = fsOps;
   fsOps = ops != nullptr ? ops : &realFsOps;
@@ -99,6 +106,10 @@ int PlatFsync(int fd) {
 
 int PlatSyncDir(const char* dir) {
   return fsOps->syncDir(dir);
+}
+
+int PlatSetDirect(int fd, bool on) {
+  return fsOps->setDirect(fd, on);
 }
 
 int PlatStat(const char* path, struct stat* st) {

@@ -19,6 +19,9 @@ int PlatRead(int fd, void* buf, size_t len, size_t* got);
 int PlatWrite(int fd, const void* buf, size_t len, size_t* put);
 // Forces the file to stable storage (through the file-system seam).
 int PlatFsync(int fd);
+// Turns O_DIRECT on or off for fd (through the file-system seam); EINVAL when
+// the file system refuses it.
+int PlatSetDirect(int fd, bool on);
 int PlatStat(const char* path, struct stat* st);
 int PlatFstat(int fd, struct stat* st);
 // rename(2), through the file-system seam.
@@ -47,6 +50,8 @@ class PlatFsOps {
   virtual int fsync(int fd);
   virtual int rename(const char* from, const char* to);
   virtual int syncDir(const char* dir);
+  // Turns O_DIRECT on or off for fd; EINVAL when the file system refuses it.
+  virtual int setDirect(int fd, bool on);
 };
 // Installs ops (nullptr restores the real ones); returns the previous ones.
 PlatFsOps* PlatSetFsOps(PlatFsOps* ops);

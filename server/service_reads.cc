@@ -1,12 +1,11 @@
 // Reads: values, the file list, files, the node list for discovery, and file
 // transfers between nodes.
-#include <vector>
 
 #include "platform/pfile.h"
-#include "platform/pfileio.h"
 #include "server/globals.h"
 #include "server/service.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 #include "zel/zelutils.h"
@@ -50,19 +49,26 @@ int openCurrent(Globals& g, int fileId, int* seq, StateRef* s, OpenFile* f) {
 }  // namespace
 
 bool Service::sendFileFd(ServerConnection& c, int fd, long long size, unsigned int crc) {
-  std::vector<char> buf(kXferChunkBytes);
+  // A copy no longer in the page cache (written direct) is read direct too:
+  // filling fresh pages would cost more than the disk.
+  ReadAhead in;
+  if (in.start(fd, size, kXferChunkBytes) != 0) {
+    trace(0, "no buffer to send a committed file of %lld bytes", size);
+    c.setBroken();
+    return false;
+  }
   long long off = 0;
   while (off < size) {
-    size_t want = static_cast<size_t>(size - off < kXferChunkBytes ? size - off : kXferChunkBytes);
+    const char* data = nullptr;
     size_t got = 0;
-    int rc = PlatPread(fd, buf.data(), want, off, &got);
-    if (rc != 0 || got != want) {
+    int rc = in.next(&data, &got);
+    if (rc != 0) {
       // The copy shrank or cannot be read: the client must not take what it got.
       trace(0, "reading a committed file failed at %lld of %lld (err %d)", off, size, rc);
       c.setBroken();
       return false;
     }
-    if (c.send(MSG_TYPE_FDATA, buf.data(), static_cast<int>(got)) != 0) return false;
+    if (c.send(MSG_TYPE_FDATA, data, static_cast<int>(got)) != 0) return false;
     off += static_cast<long long>(got);
   }
   char b[4];

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "platform/pfile.h"
-#include "platform/pfileio.h"
 #include "server/globals.h"
 #include "server/service.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelmsg.h"
 
@@ -129,6 +129,10 @@ bool Service::fput(Req& r) {
   std::string staging;
   int fd = -1;
   int localErr = g_.files().createStaging(ask.uid, &staging, &fd);
+  // Direct, behind the receiving: the staging file is synced before the
+  // proposal anyway, and filling page-cache pages would cost more than the disk.
+  WriteBehind out;
+  if (localErr == 0) out.start(fd, size);
   // Receives "fdata" up to "fcrc", then the client's "ok". A failure to store
   // is answered after the transfer; a peer that breaks the exchange is dropped.
   long long got = 0;
@@ -142,7 +146,7 @@ bool Service::fput(Req& r) {
       break;
     }
     if (type == MSG_TYPE_FDATA && got + len <= size) {
-      if (localErr == 0 && len > 0) localErr = PlatPwrite(fd, body, len, got);
+      if (localErr == 0 && len > 0) localErr = out.write(body, static_cast<size_t>(len));
       crc = partialcrc(reinterpret_cast<unsigned char*>(body), len, crc);
       got += len;
     } else if (type == MSG_TYPE_FCRC && len >= 4) {
@@ -156,6 +160,8 @@ bool Service::fput(Req& r) {
     }
     delete[] body;
   }
+  if (localErr == 0 && ended) localErr = out.finish();
+  out.cancel();  // before the close, whatever happened
   if (localErr == 0 && ended) localErr = PlatFsync(fd);
   if (fd >= 0) PlatClose(fd);
   int type = -1, len = 0;

@@ -178,7 +178,18 @@ TEST(ServerService, FilesRoundTrip) {
   struct Case {
     const char* name;
     size_t size;
-  } cases[] = {{"zel.nodes", 20}, {"empty", 0}, {"big", 1048577}, {"_priv", 5}};
+  } cases[] = {{"zel.nodes", 20},
+               {"empty", 0},
+               {"big", 1048577},
+               {"_priv", 5},
+               {"b4095", 4095},
+               {"b4096", 4096},
+               {"mib", 1048576},
+               {"odd", 2500000},
+               {"b4097", 4097},
+               {"one", 1},
+               {"huge", (4u << 20) + 1000},
+               {"ahead", (8u << 20) + 4097}};
   for (const Case& k : cases) {
     std::string data(k.size, '\0');
     for (size_t i = 0; i < k.size; i++) data[i] = static_cast<char>(i * 7 + k.size);
@@ -224,7 +235,7 @@ TEST(ServerService, FilesRoundTrip) {
   ASSERT_EQ(m.load(rest.data(), rest.data() + rest.size()), rest.data() + rest.size());
   ZelObjectInfoList list;
   EXPECT_EQ(fillZelObjectInfoList(&list, s.s, m), 0);
-  EXPECT_EQ(list.size(), 4u);
+  EXPECT_EQ(list.size(), sizeof cases / sizeof cases[0]);
 
   // Deleting the node list is refused with a final error; other files go.
   Update d =

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
+#include "platform/pfile.h"
 #include "support/testutil.h"
 #include "support/wirebodies.h"
 #include "support/wiretest.h"
@@ -97,24 +99,66 @@ TEST_F(ZelXferTest, FileChangedWhileBeingSentSendsNoCrc) {
   }
 }
 
-TEST_F(ZelXferTest, ReceiveFileSizes) {
-  for (size_t size : {size_t(0), size_t(2500000)}) {
-    FakeServer srv;
-    std::string data = Pattern(size);
-    srv.expect(MSG_TYPE_FGET);
-    // A stray message during the data phase is dropped (with size 0 there is none).
-    if (size > 0) srv.reply(MSG_TYPE_OK);
-    srv.sendFile(data, 0, 700000);
-    Connection* k = connect(srv);
-    std::string target = dir_.file("got" + std::to_string(size));
-    unsigned int crc = 0;
-    bool localErr = true;
-    EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
-    EXPECT_FALSE(localErr);
-    EXPECT_EQ(crc, Crc(data));
-    EXPECT_TRUE(ReadFile(target) == data) << size;
+// Changed after its first chunk went out, read in place or ahead on a thread:
+// still no "fcrc".
+std::string changingPath;
+long long changeTo = 0;
+void changeOnce(long long, long long) {
+  if (changeTo < 0) return;
+  EXPECT_EQ(truncate(changingPath.c_str(), changeTo), 0);
+  changeTo = -1;
+}
+
+TEST_F(ZelXferTest, FileChangedMidTransferSendsNoCrc) {
+  for (long long size : {3LL << 20, 10LL << 20}) {
+    for (long long to : {size / 2, size + 1}) {
+      FakeServer srv;
+      srv.expect(MSG_TYPE_FPUT).receiveCutFile();
+      changingPath = dir_.file("src");
+      WriteFile(changingPath, Pattern(static_cast<size_t>(size)));
+      changeTo = to;
+      SetXferProgress(changeOnce);
+      Connection* k = connect(srv, MSG_TYPE_FPUT);
+      bool localErr = false;
+      EXPECT_EQ(E_XFER_FAILED, sendFile(k, changingPath, size, &localErr)) << size << " " << to;
+      SetXferProgress(nullptr);
+      EXPECT_TRUE(localErr);
+      delete conn_;
+      conn_ = nullptr;
+      ASSERT_TRUE(srv.waitDone(5000));
+      auto files = srv.files();
+      ASSERT_EQ(1u, files.size());
+      EXPECT_LE(files[0].data.size(), static_cast<size_t>(size));
+    }
   }
-  EXPECT_EQ(ListDir(dir_.path()).size(), 2u);  // no temporary file left
+}
+
+// Around the block size, the chunk size and the direct writer's buffer, past
+// the size that writes behind on a thread, and with a file system that
+// refuses direct I/O.
+TEST_F(ZelXferTest, ReceiveFileSizes) {
+  const size_t sizes[] = {
+      0, 1, 4095, 4096, 4097, 1048576, 1048577, 2500000, (4u << 20) + 1000, (8u << 20) + 1000};
+  for (bool refuse : {false, true}) {
+    std::unique_ptr<RefuseDirect> r(refuse ? new RefuseDirect : nullptr);
+    for (size_t size : sizes) {
+      FakeServer srv;
+      std::string data = Pattern(size);
+      srv.expect(MSG_TYPE_FGET);
+      // A stray message during the data phase is dropped (with size 0 there is none).
+      if (size > 0) srv.reply(MSG_TYPE_OK);
+      srv.sendFile(data, 0, 700000);
+      Connection* k = connect(srv);
+      std::string target = dir_.file("got" + std::to_string(size) + (refuse ? "r" : ""));
+      unsigned int crc = 0;
+      bool localErr = true;
+      EXPECT_EQ(receiveFile(k, target, static_cast<int>(size), false, &crc, &localErr, false), 0);
+      EXPECT_FALSE(localErr);
+      EXPECT_EQ(crc, Crc(data));
+      EXPECT_TRUE(ReadFile(target) == data) << size << (refuse ? " refused" : "");
+    }
+  }
+  EXPECT_EQ(ListDir(dir_.path()).size(), 2 * 10u);  // no temporary file left
 }
 
 // A bad checksum, a broken exchange or more bytes than announced fail and leave

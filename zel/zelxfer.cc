@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
-#include <new>
 
 #include "platform/pfile.h"
+#include "platform/pfileio.h"
 #include "platform/ptemp.h"
 #include "zel/paxosutils.h"
+#include "zel/xferpipe.h"
 #include "zel/zelerr.h"
 #include "zel/zelfiles.h"
 #include "zel/zelmsg.h"
@@ -20,19 +20,6 @@ XferProgressFn progressFn = nullptr;
 
 void progress(long long done, long long total) {
   if (progressFn != nullptr) progressFn(done, total);
-}
-
-// Fills buf from fd up to len bytes or end of file.
-int readChunk(int fd, char* buf, size_t len, size_t* got) {
-  *got = 0;
-  while (*got < len) {
-    size_t n = 0;
-    int rc = PlatRead(fd, buf + *got, len - *got, &n);
-    if (rc != 0) return rc;
-    if (n == 0) break;
-    *got += n;
-  }
-  return 0;
 }
 
 // Writes the whole buffer; *put is what got written.
@@ -46,6 +33,14 @@ int writeAll(int fd, const char* buf, size_t len, size_t* put) {
     *put += n;
   }
   return 0;
+}
+
+int writeFailed(const char* shownName, int rc, size_t put, int len, bool* localErr) {
+  trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
+  SetErrorCause("cannot write '%s': %s", shownName,
+                rc == E_XFER_FAILED ? "nothing written" : PlatStrError(rc));
+  *localErr = true;
+  return rc;
 }
 
 }  // namespace
@@ -68,47 +63,57 @@ int sendFile(Connection* conn, const std::string& path, long long fSize, bool* l
   }
   struct stat before;
   rc = PlatFstat(fd.get(), &before);
-  std::unique_ptr<char[]> buf(new (std::nothrow) char[kXferChunkBytes]);
-  if (rc != 0 || !buf) {
+  if (rc != 0) {
     *localErr = true;
-    rc = rc != 0 ? rc : E_NOMEM;
     trace(4, "Transferred '%s' failed after %d bytes, err %d", path.c_str(), 0, rc);
     return rc;
   }
   unsigned int crc = 0;
   long long bytesSent = 0;
   bool changed = before.st_size != fSize;
-  // Never more than announced: a file that grew is caught below, not sent.
-  while (!changed && bytesSent < fSize) {
-    size_t want = static_cast<size_t>(std::min<long long>(kXferChunkBytes, fSize - bytesSent));
-    size_t got = 0;
-    rc = readChunk(fd.get(), buf.get(), want, &got);
+  if (!changed) {
+    // Direct when the file is not in the page cache (see ReadAhead); never
+    // more than announced: a file that grew is caught below, not sent.
+    ReadAhead in;
+    rc = in.start(fd.get(), fSize, kXferChunkBytes);
     if (rc != 0) {
-      trace(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
-      SetErrorCause("cannot read '%s': %s", path.c_str(), PlatStrError(rc));
       *localErr = true;
-      break;
+      trace(4, "Transferred '%s' failed after %d bytes, err %d", path.c_str(), 0, rc);
+      return rc;
     }
-    if (got == 0) {
-      changed = true;  // shrank
-      break;
+    while (bytesSent < fSize) {
+      const char* data = nullptr;
+      size_t got = 0;
+      rc = in.next(&data, &got);
+      if (rc == ENODATA) {
+        changed = true;  // shrank
+        rc = 0;
+        break;
+      }
+      if (rc != 0) {
+        trace(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
+        SetErrorCause("cannot read '%s': %s", path.c_str(), PlatStrError(rc));
+        *localErr = true;
+        break;
+      }
+      crc = partialcrc(reinterpret_cast<const unsigned char*>(data), got, crc);
+      trace(4, "Sending %d bytes (%d) (0x%x)", static_cast<int>(got), MSG_TYPE_FDATA, crc);
+      rc = conn->send(MSG_TYPE_FDATA, data, static_cast<int>(got));
+      if (rc != 0) break;
+      bytesSent += static_cast<long long>(got);
+      progress(bytesSent, fSize);
     }
-    crc = partialcrc(reinterpret_cast<unsigned char*>(buf.get()), got, crc);
-    trace(4, "Sending %d bytes (%d) (0x%x)", static_cast<int>(got), MSG_TYPE_FDATA, crc);
-    rc = conn->send(MSG_TYPE_FDATA, buf.get(), static_cast<int>(got));
-    if (rc != 0) break;
-    bytesSent += static_cast<long long>(got);
-    progress(bytesSent, fSize);
   }
   if (rc == 0 && !changed) {
     // Grown, or rewritten in place while it was read.
-    size_t extra = 0;
+    char extra;
+    size_t more = 0;
     struct stat after;
-    rc = readChunk(fd.get(), buf.get(), 1, &extra);
+    rc = PlatPread(fd.get(), &extra, 1, static_cast<off_t>(fSize), &more);
     if (rc == 0) rc = PlatFstat(fd.get(), &after);
     if (rc != 0) {
       *localErr = true;
-    } else if (extra != 0 || after.st_size != fSize ||
+    } else if (more != 0 || after.st_size != fSize ||
                after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
                after.st_mtim.tv_nsec != before.st_mtim.tv_nsec) {
       changed = true;
@@ -190,6 +195,10 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
     fd = tmp.fd();
   }
   const char* shownName = toStdout ? "<stdout>" : tmp.path().c_str();
+  // A file goes direct, behind the receiving: writing it into fresh page-cache
+  // pages would cost more than the disk does.
+  WriteBehind out;
+  if (!toStdout) out.start(fd, fSize);
 
   Body body;
   int type = 0, len = 0;
@@ -208,21 +217,23 @@ int receiveFileX(Connection* conn, std::string* target, long long fSize, bool is
       conn->setBroken();
       return E_XFER_FAILED;
     }
-    size_t put = 0;
-    rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
-    if (rc != 0) {
-      trace(4, "Writing to %s failed (%d-%d, err %d)", shownName, static_cast<int>(put), len, rc);
-      SetErrorCause("cannot write '%s': %s", shownName,
-                    rc == E_XFER_FAILED ? "nothing written" : PlatStrError(rc));
-      *localErr = true;
-      return rc;
-    }
-    received += len;
-    progress(received, fSize);
     *crcP = partialcrc(reinterpret_cast<unsigned char*>(body.p), static_cast<unsigned long>(len),
                        *crcP);
+    size_t put = 0;
+    if (toStdout) {
+      rc = writeAll(fd, body.p, static_cast<size_t>(len), &put);
+    } else {
+      rc = out.write(body.p, static_cast<size_t>(len));
+    }
+    if (rc != 0) return writeFailed(shownName, rc, put, len, localErr);
+    received += len;
+    progress(received, fSize);
   }
   *crcP = finalcrc(*crcP, static_cast<unsigned long>(received));
+  if (!toStdout) {
+    int rc = out.finish();
+    if (rc != 0) return writeFailed(shownName, rc, 0, 0, localErr);
+  }
 
   int rc = conn->receive(&type, body.out(), &len);
   if (rc != 0) return rc;

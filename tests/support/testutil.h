@@ -5,12 +5,26 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/pfile.h"
 #include "support/spawn.h"
 #include "zel/zelutils.h"
+
+// While it lives, the file system refuses direct I/O (O_DIRECT), through the
+// file-system seam.
+class RefuseDirect : public PlatFsOps {
+ public:
+  RefuseDirect() { old_ = PlatSetFsOps(this); }
+  ~RefuseDirect() override { PlatSetFsOps(old_); }
+  int setDirect(int fd, bool on) override { return on ? EINVAL : PlatFsOps::setDirect(fd, on); }
+
+ private:
+  PlatFsOps* old_;
+};
 
 // A fresh directory under /tmp, removed with everything in it on destruction
 // (by the process that made it: a forked child leaves it alone).
