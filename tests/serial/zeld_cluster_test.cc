@@ -16,6 +16,7 @@
 
 #include "support/cluster.h"
 #include "support/linearize.h"
+#include "support/seckeys.h"
 #include "support/testutil.h"
 
 namespace {
@@ -114,6 +115,39 @@ TEST_F(ZeldCluster, AStoppedNodeCatchesUpValuesAndFiles) {
     ASSERT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_TRUE(ReadFile(out) == Pattern((1 << 20) + f, f)) << "file" << f;
   }
+}
+
+TEST_F(ZeldCluster, PeersAuthenticateWhenAuthenticationIsOn) {
+  std::string why = SecTestSkipReason();
+  if (!why.empty()) GTEST_SKIP() << why;
+  const TestKey* k = SharedTestKey(0);
+  ASSERT_TRUE(k != nullptr);
+  Cluster::Options o;
+  o.nodes = 3;
+  c_.reset(new Cluster(o));
+  // One key for the cluster: every node presents it to the others' stores.
+  std::string keys =
+      "clusterName=test\ncipherList=AUTHONLY\ncommittedKeyGenNumber=1\n"
+      "committedPublicKey=\n" +
+      k->pubPem;
+  std::vector<std::string> dirs = {c_->clientDir()};
+  for (int i = 0; i < 3; i++) {
+    dirs.push_back(c_->dir(i));
+    c_->setEnv(i, kQuickRefusal);
+  }
+  for (const std::string& d : dirs) {
+    WriteFile(d + "/authorized_zel_keys", keys);
+    WriteFile(d + "/zel.pem", ReadFile(k->bothPath));
+  }
+  ASSERT_TRUE(c_->startAll());
+  std::string n = c_->location(0) + "," + c_->location(1) + "," + c_->location(2);
+  RunResult r = c_->kxzel({"init", "-c", "77", "-n", n});
+  ASSERT_EQ(r.exitStatus, 0) << r.err << c_->log(0);
+  ASSERT_EQ(Put("sec", "1", 0), 0) << c_->log(0);
+  // Agreement without node 1 needs nodes 2 and 3 to reach each other's stores.
+  c_->kill9(0);
+  EXPECT_EQ(Put("sec", "2", 1), 0) << c_->log(1) << c_->log(2);
+  EXPECT_EQ(Get("sec", 2), "2:2");
 }
 
 TEST_F(ZeldCluster, HealthShowsEveryNodeAndWhetherAQuorumIsUp) {
