@@ -1,30 +1,8 @@
 // Disk blocks, their summary and the body of the paxos state file.
 #include <sstream>
 
+#include "zel/dblockhead.h"
 #include "zel/paxosdata_int.h"
-
-namespace {
-
-int ballotsSize(const BallotNumber& m, const BallotNumber& b) {
-  return SizeVarUInt(m.first, 0) + SizeVarUInt(m.second, 0) + SizeVarUInt(b.first, 0) +
-         SizeVarUInt(b.second, 0);
-}
-
-char* dumpBallots(char* p, const BallotNumber& m, const BallotNumber& b) {
-  p = DumpVarUInt(p, m.first, 0);
-  p = DumpVarUInt(p, m.second, 0);
-  p = DumpVarUInt(p, b.first, 0);
-  return DumpVarUInt(p, b.second, 0);
-}
-
-const char* loadBallots(const char* p, const char* end, BallotNumber* m, BallotNumber* b) {
-  p = LoadVarUInt(p, end, &m->first, 0);
-  p = LoadVarUInt(p, end, &m->second, 0);
-  p = LoadVarUInt(p, end, &b->first, 0);
-  return LoadVarUInt(p, end, &b->second, 0);
-}
-
-}  // namespace
 
 // ---- BallotNumber ----
 
@@ -41,12 +19,7 @@ std::string BallotNumber::toString() const {
 // ---- Dblock ----
 
 bool Dblock::moreRecentThan(const Dblock& o) const {
-  const int a[] = {seq, mbal.first, mbal.second, bal.first, bal.second, leaderChallengeVersion};
-  const int b[] = {o.seq,       o.mbal.first, o.mbal.second,
-                   o.bal.first, o.bal.second, o.leaderChallengeVersion};
-  for (int i = 0; i < 6; i++)
-    if (a[i] != b[i]) return a[i] > b[i];
-  return false;
+  return BlockMoreRecent(*this, o);
 }
 
 void Dblock::reset(int newSeq, const CommittedState& c) {
@@ -78,9 +51,7 @@ void Dblock::applyInp() {
 }
 
 int Dblock::getHeadSize() const {
-  int n = SizeVarUInt(seq, 0) + ballotsSize(mbal, bal) + 1;
-  if (inp.type != ProposedUpdate::noUpdate) n += inp.getSize();
-  return n + SizeVarUInt(leaderChallengeVersion, 0);
+  return BlockHeadSize(*this);
 }
 
 int Dblock::getSize() const {
@@ -88,12 +59,7 @@ int Dblock::getSize() const {
 }
 
 char* Dblock::dumpHead(char* p) const {
-  p = DumpVarUInt(p, seq, 0);
-  p = dumpBallots(p, mbal, bal);
-  bool present = inp.type != ProposedUpdate::noUpdate;
-  p = DumpVarUInt(p, present ? 1 : 0, 0);
-  if (present) p = inp.dump(p);
-  return DumpVarUInt(p, leaderChallengeVersion, 0);
+  return DumpBlockHead(p, *this);
 }
 
 char* Dblock::dump(char* p) const {
@@ -101,17 +67,7 @@ char* Dblock::dump(char* p) const {
 }
 
 const char* Dblock::loadHead(const char* p, const char* end) {
-  p = LoadVarUInt(p, end, &seq, 0);
-  p = loadBallots(p, end, &mbal, &bal);
-  int present = 0;
-  p = LoadVarUInt(p, end, &present, 0);
-  if (p == nullptr || present > 1) return nullptr;
-  if (present == 1) {
-    p = inp.load(p, end);
-  } else {
-    inp.reset();
-  }
-  return LoadVarUInt(p, end, &leaderChallengeVersion, 0);
+  return LoadBlockHead(p, end, this);
 }
 
 const char* Dblock::load(const char* p, const char* end) {
@@ -194,7 +150,7 @@ void PaxosDblockSummary::merge(const PaxosDblockSummary& s) {
 }
 
 int PaxosDblockSummary::getSize() const {
-  int n = SizeVarUInt(seq, 0) + ballotsSize(mbal, bal) + inp.getSize() +
+  int n = SizeVarUInt(seq, 0) + SizeBallots(mbal, bal) + inp.getSize() +
           SizeVarUInt(leaderChallengeVersion, 0) + committed.getSize();
   trace(7, "PaxosDblockSummary::getSize() returns: %d", n);
   return n;
@@ -202,7 +158,7 @@ int PaxosDblockSummary::getSize() const {
 
 char* PaxosDblockSummary::dump(char* p) const {
   p = DumpVarUInt(p, seq, 0);
-  p = dumpBallots(p, mbal, bal);
+  p = DumpBallots(p, mbal, bal);
   p = inp.dump(p);
   p = DumpVarUInt(p, leaderChallengeVersion, 0);
   return committed.dump(p);
@@ -210,7 +166,7 @@ char* PaxosDblockSummary::dump(char* p) const {
 
 const char* PaxosDblockSummary::load(const char* p, const char* end) {
   p = LoadVarUInt(p, end, &seq, 0);
-  p = loadBallots(p, end, &mbal, &bal);
+  p = LoadBallots(p, end, &mbal, &bal);
   if (p == nullptr) return nullptr;
   p = inp.load(p, end);
   p = LoadVarUInt(p, end, &leaderChallengeVersion, 0);

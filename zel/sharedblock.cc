@@ -4,6 +4,7 @@
 #include <deque>
 #include <mutex>
 
+#include "zel/dblockhead.h"
 #include "zel/paxosutils.h"
 
 namespace {
@@ -97,9 +98,10 @@ SharedBlock::SharedBlock(const Dblock& b)
       inp(b.inp),
       leaderChallengeVersion(b.leaderChallengeVersion) {}
 
-Dblock SharedBlock::head() const {
+Dblock SharedBlock::toDblock() const {
   Dblock d;
   d.seq = seq;
+  d.committed = *committed;
   d.mbal = mbal;
   d.bal = bal;
   d.inp = inp;
@@ -107,14 +109,8 @@ Dblock SharedBlock::head() const {
   return d;
 }
 
-Dblock SharedBlock::toDblock() const {
-  Dblock d = head();
-  d.committed = *committed;
-  return d;
-}
-
 bool SharedBlock::moreRecentThan(const SharedBlock& o) const {
-  return head().moreRecentThan(o.head());
+  return BlockMoreRecent(*this, o);
 }
 
 void SharedBlock::reset(int newSeq, const StateRef& c) {
@@ -133,7 +129,7 @@ void SharedBlock::applyInp() {
 }
 
 int SharedBlock::getHeadSize() const {
-  return head().getHeadSize();
+  return BlockHeadSize(*this);
 }
 
 int SharedBlock::getSize() const {
@@ -141,7 +137,7 @@ int SharedBlock::getSize() const {
 }
 
 char* SharedBlock::dumpHead(char* p) const {
-  return head().dumpHead(p);
+  return DumpBlockHead(p, *this);
 }
 
 char* SharedBlock::dump(char* p) const {
@@ -152,15 +148,7 @@ char* SharedBlock::dump(char* p) const {
 }
 
 const char* SharedBlock::loadHead(const char* p, const char* end) {
-  Dblock d;
-  p = d.loadHead(p, end);
-  if (p == nullptr) return nullptr;
-  seq = d.seq;
-  mbal = d.mbal;
-  bal = d.bal;
-  inp = std::move(d.inp);
-  leaderChallengeVersion = d.leaderChallengeVersion;
-  return p;
+  return LoadBlockHead(p, end, this);
 }
 
 const char* SharedBlock::load(const char* p, const char* end) {

@@ -57,9 +57,6 @@ struct SharedBlock {
   std::string toString() const;
   bool operator==(const SharedBlock& o) const;
   bool operator!=(const SharedBlock& o) const { return !(*this == o); }
-
- private:
-  Dblock head() const;
 };
 
 #endif  // ZEL_SHAREDBLOCK_H
